@@ -1,0 +1,58 @@
+// The control connection: the controller sends control messages on the caller's thread; its
+// receiver thread reads the phone's device messages.
+#pragma once
+
+#include <QThread>
+#include <atomic>
+
+#include "control/control_message.h"
+
+class QMutex;
+class QWaitCondition;
+class ReceiverThread;
+
+constexpr unsigned CONTROLLER_QUEUE_SLOTS = 65;
+constexpr size_t RECEIVER_BUFFER_SIZE = 4096;
+
+struct Receiver {
+    int control_socket;       // not owned
+    ReceiverThread* thread;
+    QMutex* mutex;
+    std::atomic<bool> stopped;
+};
+
+class ReceiverThread : public QThread
+{
+public:
+    explicit ReceiverThread(Receiver* receiver) : receiver_(receiver) {}
+    ~ReceiverThread() override = default;
+
+protected:
+    void run() override;
+
+private:
+    Receiver* receiver_;
+};
+
+struct Controller {
+    int control_socket;       // not owned
+    QMutex* mutex;
+    QWaitCondition* condition;
+    std::atomic<bool> stopped;
+    ControlMessage queue[CONTROLLER_QUEUE_SLOTS];
+    unsigned queue_write;
+    unsigned queue_read;
+    Receiver receiver;
+};
+
+bool controller_init(Controller* ctrl, int control_socket);
+bool controller_start(Controller* ctrl);
+bool controller_push_msg(Controller* ctrl, const ControlMessage* msg);
+void controller_stop(Controller* ctrl);
+void controller_join(Controller* ctrl);
+void controller_destroy(Controller* ctrl);
+
+bool receiver_init(Receiver* rcv, int control_socket);
+bool receiver_start(Receiver* rcv);
+void receiver_join(Receiver* rcv);
+void receiver_destroy(Receiver* rcv);

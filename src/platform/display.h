@@ -1,0 +1,12 @@
+// The head unit's closed display library (libtezcmn): the framebuffer video layer.
+#pragma once
+
+extern "C" {
+int tezapi_set_display_mode(int mode);
+int tezapi_init_fb_display(int fb, int src_width, int src_height, int x, int y, int display_width,
+                           int display_height, int a0, int a1, int a2, int a3, int a4, int a5, int a6);
+int tezapi_show_fb(int fb, int on);
+int tezapi_get_fb_addr(int fb, unsigned* a0, unsigned* a1, unsigned* a2);
+int tezapi_set_fb_addr(int fb, unsigned a0, unsigned a1, unsigned a2, int flag);
+int tezapi_wait_for_vsync(int fb);
+}

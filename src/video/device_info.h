@@ -1,0 +1,11 @@
+// The 68-byte record that opens every video connection: a 64-byte name and the picture size.
+#pragma once
+
+#include <cstdint>
+
+constexpr int DEVICE_INFO_SIZE = 68;
+constexpr int DEVICE_NAME_FIELD = 64;
+
+bool device_read_info(int socket, char* name, int* size);
+// Decodes a received record (what device_read_info does after the read).
+void device_info_parse(const uint8_t* record, char* name, int* size);

@@ -1,0 +1,37 @@
+// The video layer of /dev/fb4: placement (fitted or full screen), vsync pacing of flips, the
+// frame-rate cap, and revealing the layer only a few frames after a layout change.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+struct video_buffer;
+
+struct screen {
+    // Read by the main thread (touch mapping) while the stream thread writes them.
+    std::atomic<int> frame_width;
+    std::atomic<int> frame_height;
+    int screen_width;
+    int screen_height;
+    std::atomic<int> show_delay;       // 0 idle; else displayed frames since a layout change
+    bool spare;
+    std::atomic<bool> hidden;          // the HMI asked to hide the video
+    std::atomic<bool> show_requested;  // last state passed to screen_show_window
+    int fb;                            // -1 when closed
+    uint32_t last_addr;                // first address word last handed to the layer
+    int x;
+    int y;
+    float scale;
+    int display_width;
+    int display_height;
+    bool fullscreen;
+};
+
+void screen_init(screen* s);
+bool screen_init_rendering(screen* s);
+void screen_close(screen* s);
+void screen_show_window(screen* s, bool show);
+void screen_set_hidden(screen* s, bool hide);
+bool screen_reset_layout(screen* s, int width, int height);
+int screen_render_frame(screen* s, video_buffer* buffer);
+uint32_t get_time_ms();

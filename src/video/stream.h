@@ -1,0 +1,46 @@
+// The stream reader: one thread that receives each frame into the video buffer, has it decoded and
+// shown, and reports the end of the stream and geometry changes to the service.
+#pragma once
+
+#include <QThread>
+#include <atomic>
+#include <cstdint>
+
+struct decoder;
+
+constexpr int STREAM_SOCKET_TCP = 1;
+constexpr int STREAM_SOCKET_UDP = 2;
+constexpr uint32_t STREAM_UDP_CHUNK = 8192;
+constexpr uint32_t STREAM_UDP_RECV_BUFFER = 32000;
+constexpr uint32_t STREAM_ACK_EVERY = 90;
+
+class StreamThread;
+
+struct stream {
+    int socket;
+    int type;
+    StreamThread* thread;
+    struct decoder* decoder;
+    bool ack_enabled;
+    std::atomic<bool> stop_requested;
+    bool spare;
+};
+
+class StreamThread : public QThread
+{
+public:
+    explicit StreamThread(stream* s) : stream_(s) {}
+    ~StreamThread() override = default;
+
+protected:
+    void run() override;
+
+private:
+    stream* stream_;
+};
+
+void stream_init(stream* s, int socket, int type, decoder* dec, bool ack_enabled);
+bool stream_start(stream* s);
+void stream_stop(stream* s);
+void stream_join(stream* s);
+bool stream_recv_udp_frame(stream* s, uint8_t** buffer, uint32_t* length);
