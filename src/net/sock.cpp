@@ -1,0 +1,189 @@
+#include "net/sock.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+sockaddr_in make_addr(uint32_t addr, uint16_t port)
+{
+    sockaddr_in sin;
+    memset(&sin, 0, sizeof sin);
+    sin.sin_family = AF_INET;
+    sin.sin_addr.s_addr = htonl(addr);
+    sin.sin_port = htons(port);
+    return sin;
+}
+
+} // namespace
+
+int sock_connect(uint32_t addr, uint16_t port)
+{
+    const int sock = socket(AF_INET, SOCK_STREAM, 0);
+    if (sock == -1) {
+        perror("socket");
+        return -1;
+    }
+    const sockaddr_in sin = make_addr(addr, port);
+    if (connect(sock, reinterpret_cast<const sockaddr*>(&sin), sizeof sin) == -1) {
+        perror("connect");
+        close(sock);
+        return -1;
+    }
+    return sock;
+}
+
+int sock_listen(uint32_t addr, uint16_t port, int backlog)
+{
+    const int sock = socket(AF_INET, SOCK_STREAM, 0);
+    if (sock == -1) {
+        perror("socket");
+        return -1;
+    }
+    // A restarted link must be able to listen again while the last one's port is in TIME_WAIT.
+    const int on = 1;
+    if (setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1)
+        perror("setsockopt(SO_REUSEADDR)");
+    const sockaddr_in sin = make_addr(addr, port);
+    if (bind(sock, reinterpret_cast<const sockaddr*>(&sin), sizeof sin) == -1) {
+        perror("bind");
+        close(sock);
+        return -1;
+    }
+    if (listen(sock, backlog) == -1) {
+        perror("listen");
+        close(sock);
+        return -1;
+    }
+    return sock;
+}
+
+int sock_bind_udp(uint32_t addr, uint16_t port)
+{
+    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
+    if (sock == -1) {
+        perror("socket");
+        return -1;
+    }
+    // Room for a burst of video chunks; the kernel may cap it, which is fine.
+    const int size = 0x100000;
+    setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    const sockaddr_in sin = make_addr(addr, port);
+    if (bind(sock, reinterpret_cast<const sockaddr*>(&sin), sizeof sin) == -1) {
+        perror("bind");
+        close(sock);
+        return -1;
+    }
+    return sock;
+}
+
+int sock_accept(int sock)
+{
+    sockaddr_in peer;
+    socklen_t len = sizeof peer;
+    const int client = accept(sock, reinterpret_cast<sockaddr*>(&peer), &len);
+    if (client == -1)
+        perror("accept");
+    return client;
+}
+
+ssize_t sock_recv(int sock, void* buf, size_t len)
+{
+    return recv(sock, buf, len, 0);
+}
+
+ssize_t sock_recv_all(int sock, void* buf, size_t len)
+{
+    // MSG_WAITALL on a blocking socket either fills the whole length or reports the end, so one
+    // positive result counts as complete.
+    size_t total = 0;
+    while (total < len) {
+        const ssize_t r = recv(sock, buf, len, MSG_WAITALL);
+        if (r > 0) {
+            total += len;
+        } else if (r == 0) {
+            break;
+        } else if (errno != EINTR && errno != EAGAIN) {
+            break;
+        }
+    }
+    return static_cast<ssize_t>(total);
+}
+
+ssize_t sock_send_all(int sock, const void* buf, size_t len)
+{
+    if (len == 0)
+        return 0;
+    const char* p = static_cast<const char*>(buf);
+    ssize_t w;
+    do {
+        w = send(sock, p, len, 0);
+        if (w == -1)
+            return -1;
+        p += w;
+        len -= static_cast<size_t>(w);
+    } while (len > 0);
+    // The last call's count: callers compare it with the message length, so a message that took
+    // more than one send reads as a failure.
+    return w;
+}
+
+bool sock_shutdown(int sock, int how)
+{
+    return shutdown(sock, how) == 0;
+}
+
+bool sock_close(int sock)
+{
+    return close(sock) == 0;
+}
+
+size_t str_copy_limited(char* dst, const char* src, size_t n)
+{
+    size_t i = 0;
+    while (i < n - 1 && src[i] != '\0') {
+        dst[i] = src[i];
+        ++i;
+    }
+    dst[i] = '\0';
+    return src[i] == '\0' ? i : n;
+}
+
+size_t str_join(char* dst, const char* const* tokens, char sep, size_t n)
+{
+    size_t len = 0;
+    for (const char* const* token = tokens; *token != nullptr; ++token) {
+        // No separator after an empty text so far.
+        if (len != 0) {
+            if (len + 1 >= n) {
+                dst[n - 1] = '\0';
+                return n;
+            }
+            dst[len++] = sep;
+        }
+        const size_t copied = str_copy_limited(&dst[len], *token, n - len);
+        if (copied == n - len)
+            return n;
+        len += copied;
+    }
+    return len;
+}
+
+char* str_quote(const char* s)
+{
+    const size_t len = strlen(s);
+    char* quoted = static_cast<char*>(malloc(len + 3));
+    if (quoted == nullptr)
+        return nullptr;
+    quoted[0] = '"';
+    memcpy(&quoted[1], s, len);
+    quoted[len + 1] = '"';
+    quoted[len + 2] = '\0';
+    return quoted;
+}
