@@ -1,0 +1,52 @@
+#include "server/net_accept_thread.h"
+
+#include <cstdio>
+
+#include <sys/socket.h>
+
+#include "net/sock.h"
+#include "server/phone_server.h"
+#include "video/app_events.h"
+
+// server_socket and video_socket are shared with the main thread (which closes them at stop);
+// the relaxed atomics keep each access whole without changing the record.
+static int load_fd(const int* fd)
+{
+    return __atomic_load_n(fd, __ATOMIC_RELAXED);
+}
+
+void NetAcceptThread::run()
+{
+    PhoneServer* server = server_;
+    if (server != nullptr && load_fd(&server->server_socket) != -1) {
+        do {
+            const int client = sock_accept(load_fd(&server->server_socket));
+            if (client == -1) {
+                puts("mirroring server socket error, accept stoped!");
+                break;
+            }
+            const int current = load_fd(&server->video_socket);
+            if (current == -1) {
+                __atomic_store_n(&server->video_socket, client, __ATOMIC_RELAXED);
+                printf("mirroring client connected, socket:%d!\n", client);
+                app_post_event(EVENT_CLIENT_CONNECTED);
+                continue;
+            }
+            // A zero-byte send fails only once the old connection carries an error (reset by
+            // the peer); a phone that merely closed still passes and keeps its place.
+            const char probe = 0;
+            if (send(current, &probe, 0, MSG_NOSIGNAL) != -1) {
+                printf("mirroring is connected, will close accept socket:%d!\n", client);
+                int newcomer = client;
+                socket_close_guarded(&newcomer);
+            } else {
+                printf("mirroring use new client connection, old socket:%d, new socket:%d!\n", current,
+                       client);
+                socket_close_guarded(&server->video_socket);
+                __atomic_store_n(&server->video_socket, client, __ATOMIC_RELAXED);
+                app_post_event(EVENT_CLIENT_CONNECTED);
+            }
+        } while (server_ != nullptr && load_fd(&server->server_socket) != -1);
+    }
+    puts("mirroring accept thread end!");
+}

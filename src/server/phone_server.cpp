@@ -1,0 +1,249 @@
+#include "server/phone_server.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "command.h"
+#include "net/sock.h"
+#include "server/adb.h"
+#include "server/net_accept_thread.h"
+
+// The accept thread and the main thread both touch server_socket and video_socket. They stay plain
+// ints in the record; every access from this module goes through these relaxed atomics so the
+// two threads never race on the word itself.
+static int load_fd(const int* fd)
+{
+    return __atomic_load_n(fd, __ATOMIC_RELAXED);
+}
+
+static void store_fd(int* fd, int value)
+{
+    __atomic_store_n(fd, value, __ATOMIC_RELAXED);
+}
+
+void phone_server_init(PhoneServer* server)
+{
+    server->serial = nullptr;
+    server->process = -1;
+    store_fd(&server->server_socket, -1);
+    store_fd(&server->video_socket, -1);
+    server->udp_socket = -1;
+    server->control_socket = -1;
+    server->local_port = 0;
+    server->tunnel_enabled = false;
+    server->tunnel_forward = false;
+    server->accept_thread = nullptr;
+}
+
+void socket_close_guarded(int* fd)
+{
+    const int s = load_fd(fd);
+    if (s == -1)
+        return;
+    // Shutting down first wakes any thread blocked in accept/recv on this descriptor.
+    sock_shutdown(s, SHUT_RDWR);
+    if (!sock_close(s)) {
+        puts("Could not close socket");
+        return;
+    }
+    store_fd(fd, -1);
+}
+
+bool phone_server_disable_tunnel(const char* serial, uint16_t local_port, bool forward)
+{
+    if (forward)
+        return command_check_exit(adb_tunnel_forward_remove(serial, local_port), "adb forward --remove");
+    return command_check_exit(adb_tunnel_reverse_remove(serial, PHONE_SERVER_SOCKET_NAME),
+                              "adb reverse --remove");
+}
+
+static void release_serial(PhoneServer* server)
+{
+    free(server->serial);
+    server->serial = nullptr;
+}
+
+bool phone_server_start(PhoneServer* server, const char* serial, const ServerParams* params)
+{
+    const uint16_t port = params->local_port;
+    server->local_port = port;
+    if (serial != nullptr) {
+        server->serial = strdup(serial);
+        if (server->serial == nullptr)
+            return false;
+    }
+    const char* sel = server->serial;
+
+    if (!command_check_exit(adb_push_file(sel, PHONE_SERVER_JAR_LOCAL, PHONE_SERVER_JAR_REMOTE),
+                            "adb push")) {
+        release_serial(server);
+        return false;
+    }
+
+    if (!command_check_exit(adb_tunnel_reverse(sel, PHONE_SERVER_SOCKET_NAME, port), "adb reverse")) {
+        puts("'adb reverse' failed, fallback to 'adb forward'");
+        server->tunnel_forward = true;
+        if (!command_check_exit(adb_tunnel_forward(sel, port, PHONE_SERVER_SOCKET_NAME), "adb forward")) {
+            release_serial(server);
+            return false;
+        }
+    }
+
+    if (!server->tunnel_forward) {
+        // Listen before the launch so the phone's first connect cannot arrive too early.
+        const int s = sock_listen(SOCK_ADDR_LOOPBACK, port, 1);
+        store_fd(&server->server_socket, s);
+        if (s == -1) {
+            printf("Could not listen on port %d\n", port);
+            phone_server_disable_tunnel(sel, port, false);
+            release_serial(server);
+            return false;
+        }
+    }
+
+    char bit_rate[11] = {0};
+    snprintf(bit_rate, sizeof bit_rate, "%u", params->bit_rate);
+    const char* const args[11] = {
+        "shell",
+        "CLASSPATH=/data/local/tmp/qvoalink-server.jar",
+        "app_process",
+        "/",
+        PHONE_SERVER_CLASS,
+        params->size_arg != nullptr ? params->size_arg : "-",
+        bit_rate,
+        server->tunnel_forward ? "true" : "false",
+        params->option_arg != nullptr ? params->option_arg : "-",
+        "true",
+        params->option_flag ? "true" : "false",
+    };
+    server->process = adb_run(sel, args, 11);
+    if (server->process == -1) {
+        if (!server->tunnel_forward)
+            socket_close_guarded(&server->server_socket);
+        phone_server_disable_tunnel(sel, port, server->tunnel_forward);
+        release_serial(server);
+        return false;
+    }
+
+    // Only now does stop own the tunnel; the failure paths above removed it themselves.
+    server->tunnel_enabled = true;
+    return true;
+}
+
+static bool connect_forward(PhoneServer* server)
+{
+    const int attempts = 100;
+    for (int left = attempts; left > 0; --left) {
+        printf("Remaining connection attempts: %d\n", left);
+        const int s = sock_connect(SOCK_ADDR_LOOPBACK, server->local_port);
+        if (s != -1) {
+            // adb accepts the tunnel connection even when nothing listens on the phone; only the
+            // server's first byte proves that the server itself is there.
+            char byte;
+            if (sock_recv(s, &byte, 1) == 1) {
+                store_fd(&server->video_socket, s);
+                return true;
+            }
+            sock_close(s);
+        }
+        usleep(100000);
+    }
+    store_fd(&server->video_socket, -1);
+    return false;
+}
+
+bool phone_server_connect(PhoneServer* server)
+{
+    if (!server->tunnel_forward) {
+        const int listener = load_fd(&server->server_socket);
+        const int video = sock_accept(listener);
+        store_fd(&server->video_socket, video);
+        if (video == -1)
+            return false;
+        server->control_socket = sock_accept(listener);
+        if (server->control_socket == -1)
+            return false;
+        // Two connections are all the server makes; nobody else gets in.
+        socket_close_guarded(&server->server_socket);
+    } else {
+        if (!connect_forward(server))
+            return false;
+        server->control_socket = sock_connect(SOCK_ADDR_LOOPBACK, server->local_port);
+        if (server->control_socket == -1)
+            return false;
+    }
+
+    phone_server_disable_tunnel(server->serial, server->local_port, server->tunnel_forward);
+    server->tunnel_enabled = false;
+    return true;
+}
+
+void phone_server_stop(PhoneServer* server)
+{
+    if (load_fd(&server->server_socket) != -1) {
+        socket_close_guarded(&server->server_socket);
+        store_fd(&server->server_socket, -1);
+        if (server->accept_thread != nullptr) {
+            server->accept_thread->wait(1000);
+            server->accept_thread->deleteLater();
+            server->accept_thread = nullptr;
+        }
+    }
+
+    // Closing the sockets before the server goes releases the stream and receiver threads.
+    socket_close_guarded(&server->udp_socket);
+    socket_close_guarded(&server->video_socket);
+    socket_close_guarded(&server->control_socket);
+    server->udp_socket = -1;
+    store_fd(&server->video_socket, -1);
+    server->control_socket = -1;
+
+    if (server->process != -1) {
+        if (!command_kill(server->process))
+            puts("Could not terminate server");
+        command_wait(server->process, nullptr);
+        puts("Server terminated");
+        server->process = -1;
+        if (server->tunnel_enabled)
+            phone_server_disable_tunnel(server->serial, server->local_port, server->tunnel_forward);
+    }
+
+    release_serial(server);
+}
+
+bool phone_server_start_wifi(PhoneServer* server)
+{
+    server->local_port = PHONE_SERVER_PORT;
+    server->tunnel_forward = false;
+    const int s = sock_listen(SOCK_ADDR_ANY, PHONE_SERVER_PORT, 1);
+    store_fd(&server->server_socket, s);
+    if (s == -1) {
+        printf("Could not listen on port %d\n", server->local_port);
+        return false;
+    }
+    server->accept_thread = new NetAcceptThread(server);
+    server->accept_thread->start(QThread::InheritPriority);
+    return true;
+}
+
+bool phone_server_open_udp(PhoneServer* server)
+{
+    server->local_port = PHONE_SERVER_PORT;
+    server->tunnel_forward = false;
+    server->udp_socket = sock_bind_udp(SOCK_ADDR_ANY, PHONE_SERVER_PORT + 1);
+    if (server->udp_socket == -1) {
+        printf("Could not listen udp on port %d\n", server->local_port + 1);
+        return false;
+    }
+    int size = 0;
+    socklen_t len = sizeof size;
+    getsockopt(server->udp_socket, SOL_SOCKET, SO_RCVBUF, &size, &len);
+    printf("\nget udp default recv buffer size:%d\n", size);
+    const int wanted = 0x100000;
+    setsockopt(server->udp_socket, SOL_SOCKET, SO_RCVBUF, &wanted, len);
+    return true;
+}
