@@ -13,12 +13,12 @@ struct screen {
     std::atomic<int> frame_height;
     int screen_width;
     int screen_height;
-    std::atomic<int> show_delay;       // 0 idle; else displayed frames since a layout change
+    std::atomic<int> show_delay; // 0 idle; else displayed frames since a layout change
     bool spare;
-    std::atomic<bool> hidden;          // the HMI asked to hide the video
-    std::atomic<bool> show_requested;  // last state passed to screen_show_window
-    int fb;                            // -1 when closed
-    uint32_t last_addr;                // first address word last handed to the layer
+    std::atomic<bool> hidden;         // the HMI asked to hide the video
+    std::atomic<bool> show_requested; // last state passed to screen_show_window
+    int fb;                           // -1 when closed
+    uint32_t last_addr;               // first address word last handed to the layer
     int x;
     int y;
     float scale;
@@ -35,3 +35,10 @@ void screen_set_hidden(screen* s, bool hide);
 bool screen_reset_layout(screen* s, int width, int height);
 int screen_render_frame(screen* s, video_buffer* buffer);
 uint32_t get_time_ms();
+
+// Pictures closer than this to the last shown one are dropped (about 55 per second at most).
+constexpr uint32_t SCREEN_MIN_FRAME_MS = 17;
+// Vsyncs waited for, at most, for the previous picture to be latched before the next decode.
+constexpr int SCREEN_MAX_VSYNC_WAITS = 3;
+// The frame-rate cap: true when a picture at `now` may be shown after one shown at `last`.
+bool screen_frame_due(uint32_t now, uint32_t last);

@@ -1,0 +1,37 @@
+#include "video/app_events.h"
+
+#include <QCoreApplication>
+#include <cstdlib>
+
+QUpdateFrameEvent::QUpdateFrameEvent(uint8_t* data, uint32_t size)
+    : QEvent(static_cast<QEvent::Type>(EVENT_UPDATE_FRAME)), data_(data), size_(size)
+{
+}
+
+QUpdateFrameEvent::~QUpdateFrameEvent()
+{
+    if (data_) {
+        std::free(data_);
+        data_ = nullptr;
+        size_ = 0;
+    }
+}
+
+void app_post_event(int type)
+{
+    // The event loop takes ownership of a posted event and deletes it after delivery.
+    if (QCoreApplication::instance())
+        QCoreApplication::postEvent(QCoreApplication::instance(),
+                                    new QEvent(static_cast<QEvent::Type>(type)));
+}
+
+void app_send_event(int type)
+{
+    // Delivered synchronously, so the service's filter runs on the calling worker thread; a stack
+    // event is enough because nobody keeps it after sendEvent returns.
+    QCoreApplication* app = QCoreApplication::instance();
+    if (!app)
+        return;
+    QEvent event(static_cast<QEvent::Type>(type));
+    QCoreApplication::sendEvent(app, &event);
+}

@@ -1,0 +1,199 @@
+#include "video/screen.h"
+
+#include <fcntl.h>
+#include <linux/fb.h>
+#include <sys/time.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "platform/codec.h"
+#include "platform/device.h"
+#include "platform/display.h"
+#include "service/log_line.h"
+#include "video/decoder.h"
+#include "video/video_buffer.h"
+
+namespace {
+
+// When a picture was last handed to the layer; shared by every screen of the process, as there is
+// only one video layer.
+uint32_t last_show_ms = 0;
+
+} // namespace
+
+void screen_init(screen* s)
+{
+    s->frame_width.store(0, std::memory_order_relaxed);
+    s->frame_height.store(0, std::memory_order_relaxed);
+    s->screen_width = 0;
+    s->screen_height = 0;
+    s->show_delay.store(0, std::memory_order_relaxed);
+    s->spare = false;
+    s->hidden.store(false, std::memory_order_relaxed);
+    s->show_requested.store(false, std::memory_order_relaxed);
+    s->fb = -1;
+    s->last_addr = 0;
+    s->x = 0;
+    s->y = 0;
+    s->scale = 0.0f;
+    s->display_width = 0;
+    s->display_height = 0;
+    // Only the first character counts: "10" still means full screen, "" and "0" do not.
+    const char* full = std::getenv("LINK_FULLSCREEN");
+    s->fullscreen = full != nullptr && full[0] == '1';
+}
+
+bool screen_init_rendering(screen* s)
+{
+    tezapi_set_display_mode(1);
+    s->fb = platform_open("/dev/fb4", O_RDWR | O_SYNC);
+    if (s->fb < 0) {
+        std::printf("\n\n\n-----------------open fb4 fail.----------------------\n\n");
+        return false;
+    }
+    struct fb_var_screeninfo info = {};
+    if (platform_ioctl(s->fb, FBIOGET_VSCREENINFO, &info) < 0) {
+        std::puts("get screen info fail.");
+        return false;
+    }
+    s->screen_width = static_cast<int>(info.xres);
+    s->screen_height = static_cast<int>(info.yres);
+    return true;
+}
+
+void screen_close(screen* s)
+{
+    if (s->fb == -1)
+        return;
+    tezapi_show_fb(s->fb, 0);
+    platform_close(s->fb);
+    s->fb = -1;
+}
+
+void screen_show_window(screen* s, bool show)
+{
+    const bool hidden = s->hidden.load(std::memory_order_relaxed);
+    logLine() << "screen_show_window" << show << hidden;
+    s->show_requested.store(show, std::memory_order_relaxed);
+    if (s->fb == -1)
+        return;
+    tezapi_show_fb(s->fb, show && !hidden ? 1 : 0);
+}
+
+void screen_set_hidden(screen* s, bool hide)
+{
+    // Unhiding forgets the configured size, so the next decoded picture goes through the layout
+    // again and the layer stays dark until the reveal delay has run out.
+    if (!hide && s->hidden.load(std::memory_order_relaxed) &&
+        s->frame_width.load(std::memory_order_relaxed) + s->frame_height.load(std::memory_order_relaxed) >
+            0) {
+        s->frame_width.store(0, std::memory_order_relaxed);
+        s->frame_height.store(0, std::memory_order_relaxed);
+        s->show_delay.store(1, std::memory_order_relaxed);
+        screen_show_window(s, false);
+    }
+    s->hidden.store(hide, std::memory_order_relaxed);
+    screen_show_window(s, s->show_requested.load(std::memory_order_relaxed));
+}
+
+bool screen_reset_layout(screen* s, int width, int height)
+{
+    if (width == s->frame_width.load(std::memory_order_relaxed) &&
+        height == s->frame_height.load(std::memory_order_relaxed))
+        return false;
+    s->show_delay.store(1, std::memory_order_relaxed);
+    s->frame_width.store(width, std::memory_order_relaxed);
+    s->frame_height.store(height, std::memory_order_relaxed);
+    screen_show_window(s, false);
+
+    if (s->fullscreen && width > height) {
+        // Landscape pictures may be stretched over the whole screen; portrait ones never are.
+        s->x = 0;
+        s->y = 0;
+        s->scale = 0.0f;
+        s->display_width = s->screen_width;
+        s->display_height = s->screen_height;
+    } else {
+        // Single precision on purpose: the layer's placement has always been computed this way.
+        const float sx = static_cast<float>(s->screen_width) / static_cast<float>(width);
+        const float sy = static_cast<float>(s->screen_height) / static_cast<float>(height);
+        const float scale = sx <= sy ? sx : sy;
+        s->scale = scale;
+        // The layer wants sizes in multiples of 4.
+        s->display_width = static_cast<int>(scale * static_cast<float>(width)) & ~3;
+        s->display_height = static_cast<int>(scale * static_cast<float>(height)) & ~3;
+        s->x = (s->screen_width - s->display_width) >> 1;
+        s->y = (s->screen_height - s->display_height) >> 1;
+    }
+    std::printf("new frame size:%d,%d\n", width, height);
+    std::printf("reset display pos:%d,%d,%d,%d\n", s->x, s->y, s->display_width, s->display_height);
+    tezapi_init_fb_display(s->fb, width, height, s->x, s->y, s->display_width, s->display_height, 0, 0, 0, 0,
+                           17, 0, 1);
+    return true;
+}
+
+bool screen_frame_due(uint32_t now, uint32_t last)
+{
+    // Unsigned difference, so the cap keeps working when the millisecond clock wraps.
+    return now - last > SCREEN_MIN_FRAME_MS;
+}
+
+int screen_render_frame(screen* s, video_buffer* buffer)
+{
+    if (s->fb == -1)
+        return 0;
+
+    // The decoder may only overwrite a picture after the display has latched the previous one.
+    if (s->last_addr != 0) {
+        unsigned a0 = 0, a1 = 0, a2 = 0;
+        tezapi_get_fb_addr(s->fb, &a0, &a1, &a2);
+        for (int waits = 0; a0 != s->last_addr && waits < SCREEN_MAX_VSYNC_WAITS; ++waits) {
+            tezapi_wait_for_vsync(s->fb);
+            a0 = a1 = a2 = 0;
+            tezapi_get_fb_addr(s->fb, &a0, &a1, &a2);
+        }
+    }
+
+    decode_output* out = buffer->output;
+    out->count = 0;
+    MFCDecode(&buffer->mapped_address, out, buffer->new_stream ? 1 : 0, DECODER_INSTANCE);
+    if (buffer->new_stream)
+        buffer->new_stream = false;
+    if (out->count <= 0)
+        return 1;
+
+    const bool changed = screen_reset_layout(s, out->width, out->height);
+    if (!changed && !screen_frame_due(get_time_ms(), last_show_ms))
+        return 1;
+
+    const int count = out->count < DECODE_OUTPUT_MAX_PICTURES ? out->count : DECODE_OUTPUT_MAX_PICTURES;
+    for (int i = 0; i < count; ++i) {
+        const decode_picture& p = out->pictures[i];
+        tezapi_set_fb_addr(s->fb, p.addr[0], p.addr[1], p.addr[2], 0);
+        s->last_addr = p.addr[0];
+    }
+
+    // Reveal the layer on the fourth shown picture after a layout change, on a vsync, so a
+    // half-configured layer is never seen.
+    const int delay = s->show_delay.load(std::memory_order_relaxed);
+    if (delay > 0) {
+        if (delay <= 3) {
+            s->show_delay.store(delay + 1, std::memory_order_relaxed);
+        } else {
+            s->show_delay.store(0, std::memory_order_relaxed);
+            tezapi_wait_for_vsync(s->fb);
+            screen_show_window(s, true);
+        }
+    }
+    last_show_ms = get_time_ms();
+    return 1;
+}
+
+uint32_t get_time_ms()
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return static_cast<uint32_t>(static_cast<uint64_t>(tv.tv_sec) * 1000u +
+                                 static_cast<uint64_t>(tv.tv_usec) / 1000u);
+}
