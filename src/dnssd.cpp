@@ -1,0 +1,135 @@
+// DNS-SD announcement of the Wi-Fi mirroring service, through the platform's dns_sd.h library.
+#include "dnssd.h"
+
+#include <arpa/inet.h>
+#include <assert.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+// glibc's assertion reporter; declared here because release builds define NDEBUG, and these checks
+// stay on in every build.
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line, const char* function) noexcept
+    __attribute__((__noreturn__));
+
+namespace {
+
+// The daemon's established assertion reports name this module and these lines.
+[[noreturn]] void dnssd_assert_fail(unsigned line, const char* function)
+{
+    __assert_fail("dnssd", "src/dnssd", line, function);
+}
+
+// Copies exactly `length` bytes and adds a terminating zero: callers pass lengths without one, but
+// the copies are later used as C strings by the library.
+char* copy_exact(const char* text, uint32_t length)
+{
+    char* copy = static_cast<char*>(calloc(static_cast<size_t>(length) + 1, 1));
+    if (copy != nullptr)
+        memcpy(copy, text, length);
+    return copy;
+}
+
+void set_txt_value(dnssd* d, const char* key, const char* value)
+{
+    // The library stores a one-byte length.
+    const uint8_t length = static_cast<uint8_t>(strlen(value) % 256);
+    d->txt_set_value(&d->txt, key, length, value);
+}
+
+} // namespace
+
+dnssd* dnssd_create(const char* name, uint32_t name_length, const char* device_id, uint32_t device_id_length,
+                    int* error)
+{
+    if (error != nullptr)
+        *error = 0;
+    dnssd* d = static_cast<dnssd*>(calloc(1, sizeof(dnssd)));
+    if (d == nullptr) {
+        if (error != nullptr)
+            *error = DNSSD_NO_MEMORY;
+        return nullptr;
+    }
+    d->service_register = DNSServiceRegister;
+    d->service_ref_deallocate = DNSServiceRefDeallocate;
+    d->txt_create = TXTRecordCreate;
+    d->txt_set_value = TXTRecordSetValue;
+    d->txt_get_length = TXTRecordGetLength;
+    d->txt_get_bytes_ptr = TXTRecordGetBytesPtr;
+    d->txt_deallocate = TXTRecordDeallocate;
+    d->name_length = name_length;
+
+    d->name = copy_exact(name, name_length);
+    if (d->name == nullptr) {
+        free(d);
+        if (error != nullptr)
+            *error = DNSSD_NO_MEMORY;
+        return nullptr;
+    }
+    d->device_id_length = device_id_length;
+    d->device_id = copy_exact(device_id, device_id_length);
+    if (d->device_id == nullptr) {
+        free(d->name);
+        free(d);
+        if (error != nullptr)
+            *error = DNSSD_NO_MEMORY;
+        return nullptr;
+    }
+    return d;
+}
+
+int dnssd_register_mirroring(dnssd* d, uint16_t port, const char* width, const char* height, const char* max_fps)
+{
+    if (d == nullptr)
+        dnssd_assert_fail(248, "dnssd_register_mirroring");
+
+    d->txt_create(&d->txt, 0, nullptr);
+    set_txt_value(d, "deviceid", d->device_id);
+    set_txt_value(d, "width", width);
+    set_txt_value(d, "height", height);
+    set_txt_value(d, "maxFPS", max_fps);
+
+    // The announcement lasts as long as the reference stays open; the reply is never read.
+    d->service_register(&d->service, 0, 0, d->name, DNSSD_SERVICE_TYPE, nullptr, nullptr, htons(port),
+                        d->txt_get_length(&d->txt), d->txt_get_bytes_ptr(&d->txt), nullptr, nullptr);
+    return 1;
+}
+
+void dnssd_unregister_mirroring(dnssd* d)
+{
+    if (d == nullptr)
+        dnssd_assert_fail(292, "dnssd_unregister_mirroring");
+    if (d->service == nullptr)
+        return;
+    d->txt_deallocate(&d->txt);
+    d->service_ref_deallocate(d->service);
+    free(d->name);
+    d->service = nullptr;
+    free(d->device_id);
+}
+
+void dnssd_destroy(dnssd* d)
+{
+    if (d == nullptr)
+        return;
+    dnssd_unregister_mirroring(d);
+    free(d);
+}
+
+std::string find_mac(bool wifi)
+{
+    // ORVANE_SYSFS_NET lets a test or a desktop point at another network directory.
+    const char* base = getenv("ORVANE_SYSFS_NET");
+    std::string path = base != nullptr ? base : "/sys/class/net";
+    path += wifi ? "/wlan1/address" : "/usb0/address";
+
+    std::ifstream file(path);
+    if (!file.is_open())
+        return std::string();
+    std::string word;
+    file >> word;
+    file.close();
+    printf("%s:%s\n", "find_mac", word.c_str());
+    return word;
+}

@@ -1,0 +1,168 @@
+// The reacting half of a link: teardown, the worker threads' events, the Wi-Fi reconnect grace
+// period and adopting a phone's (new) Wi-Fi connection.
+#include <QCoreApplication>
+#include <QTimerEvent>
+#include <cstdio>
+#include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include "service/log_line.h"
+#include "service/orvane_service.h"
+#include "service/shell_command.h"
+#include "video/app_events.h"
+#include "video/device_info.h"
+
+namespace {
+constexpr int WIFI_RETRY_MS = 3000;
+}
+
+void OrvaneService::exitLink()
+{
+    logLine() << "exit Mirror link!" << connected << serverStarted;
+
+    // The announcement goes first, so no phone finds a server that is about to close.
+    if (dnssdRef != nullptr) {
+        dnssd_destroy(dnssdRef);
+        dnssdRef = nullptr;
+    }
+    // Both stop requests before the sockets are shut, and the joins only after that: shutting
+    // the sockets is what releases the reader threads from their blocking receives.
+    if (controllerRunning)
+        controller_stop(&controller);
+    if (streamRunning)
+        stream_stop(&stream);
+    if (connected || serverStarted) {
+        phone_server_stop(&server);
+        connected = false;
+        serverStarted = false;
+        if (!wifiMode)
+            shell_command_run(shell_command_text(ENV_OTG_COMMAND, SHELL_OTG_MODE), SHELL_COMMAND_TIMEOUT_MS);
+    }
+    if (streamRunning) {
+        streamRunning = false;
+        stream_join(&stream);
+        emit onLinkStatusChange(wifiMode ? LINK_TYPE_WIFI : LINK_TYPE_USB, LINK_STATUS_ENDED);
+        logLine() << "exitLink" << " stream stoped";
+    }
+    if (controllerRunning) {
+        controllerRunning = false;
+        controller_join(&controller);
+        controller_destroy(&controller);
+        logLine() << "exitLink" << " controller stoped";
+    }
+    if (videoBufferReady) {
+        videoBufferReady = false;
+        video_buffer_destroy(&videoBuffers);
+        logLine() << "exitLink" << " video buffer stoped";
+    }
+    screen_close(&screen);
+    if (!wifiMode)
+        shell_command_run(shell_command_text(ENV_ADB_KILL_COMMAND, SHELL_ADB_KILL), SHELL_COMMAND_TIMEOUT_MS);
+    logLine() << "exitLink" << " screen stoped";
+}
+
+bool OrvaneService::eventFilter(QObject* watched, QEvent* event)
+{
+    switch (static_cast<int>(event->type())) {
+    case EVENT_UPDATE_FRAME:
+        return true;
+    case EVENT_STREAM_STOPPED:
+        puts("Video stream stopped");
+        if (!wifiMode) {
+            exitLink();
+            return true;
+        }
+        // Give the phone a moment to come back on the same announcement before the link ends.
+        connected = false;
+        retryTimerId = startTimer(WIFI_RETRY_MS);
+        return wifiMode;
+    case EVENT_FRAME_SIZE_CHANGED:
+        // Runs on the sending thread (stream reader or receiver): it touches only the layer.
+        screen_show_window(&screen, false);
+        screen.show_delay.store(1, std::memory_order_relaxed);
+        logLine() << "recv frame size change event!";
+        return true;
+    case EVENT_CLIENT_CONNECTED:
+        reconnectStream();
+        return true;
+    default:
+        return QObject::eventFilter(watched, event);
+    }
+}
+
+void OrvaneService::timerEvent(QTimerEvent* event)
+{
+    if (event->timerId() != retryTimerId)
+        return;
+    killTimer(retryTimerId);
+    retryTimerId = 0;
+    if (wifiMode && !connected) {
+        puts("wait client retry connect timeout, exit link!");
+        exitLink();
+    }
+}
+
+void OrvaneService::reconnectStream()
+{
+    if (retryTimerId != 0) {
+        killTimer(retryTimerId);
+        retryTimerId = 0;
+    }
+    connected = true;
+
+    char name[128];
+    memset(name, 0, sizeof name);
+    int size[2] = {1280, 720};
+
+    // The accept thread may replace the connection at any time; take one consistent reading.
+    const int sock = __atomic_load_n(&server.video_socket, __ATOMIC_RELAXED);
+    if (sock != -1) {
+        // A phone that connects and then sends nothing must not hold the main thread for long.
+        struct timeval recv_timeout = {10, 0};
+        struct timeval send_timeout = {5, 0};
+        int nodelay = 1;
+        setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &recv_timeout, sizeof recv_timeout);
+        setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
+        setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
+
+        if (!device_read_info(sock, name, size)) {
+            logLine() << "device_read_info failed!";
+            exitLink();
+            emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+            return;
+        }
+        if (memcmp(name, "AFFA", 4) != 0) {
+            logLine() << "device_read_info error!";
+            exitLink();
+            emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+            return;
+        }
+        logLine() << "read device info:" << name[4] << size[0] << size[1];
+    }
+
+    if (videoBufferReady) {
+        screen.show_delay.store(1, std::memory_order_relaxed);
+    } else if (initVideoBuffer(videoWidth, videoHeight)) {
+        setDecoderBuffers();
+    } else {
+        logLine() << "initVideoBuffer failed!";
+        exitLink();
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        return;
+    }
+
+    if (streamRunning) {
+        streamRunning = false;
+        stream_stop(&stream);
+        stream_join(&stream);
+    }
+    if (initStream()) {
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_STREAMING);
+        return;
+    }
+    logLine() << "init stream failed!";
+    exitLink();
+    emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+}

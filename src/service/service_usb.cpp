@@ -1,0 +1,141 @@
+// USB link start-up: display, phone-side server through adb, video and control connections,
+// video buffers, device information, stream reader and controller.
+#include <cstring>
+
+#include "command.h"
+#include "server/adb.h"
+#include "service/log_line.h"
+#include "service/orvane_service.h"
+#include "service/shell_command.h"
+#include "video/device_info.h"
+
+void OrvaneService::startLink()
+{
+    logLine() << "OrvaneApp::startLink";
+
+    if (streamRunning) {
+        // Already mirroring: only bring back a picture the HMI had hidden.
+        screen_set_hidden(&screen, false);
+        emit onLinkStatusChange(LINK_TYPE_USB, LINK_STATUS_STREAMING);
+        return;
+    }
+    if (serverStarted) {
+        logLine() << "orvane is starting!";
+        emit onLinkStatusChange(LINK_TYPE_USB, LINK_STATUS_START);
+        return;
+    }
+
+    const char* failure = nullptr;
+    char name[128];
+    int size[2];
+
+    screen_init(&screen);
+    if (!screen_init_rendering(&screen)) {
+        failure = "screen_init_rendering failed!";
+        goto fail;
+    }
+    serverStarted = startServer();
+    if (!serverStarted) {
+        failure = "startServer failed!";
+        goto fail;
+    }
+    connected = phone_server_connect(&server);
+    if (!connected) {
+        failure = "connectToServer failed!";
+        goto fail;
+    }
+    if (!initVideoBuffer(videoWidth, videoHeight)) {
+        failure = "initVideoBuffer failed!";
+        goto fail;
+    }
+
+    memset(name, 0, sizeof name);
+    size[0] = 1280;
+    size[1] = 720;
+    if (server.video_socket != -1) {
+        if (!device_read_info(server.video_socket, name, size)) {
+            failure = "device_read_info failed!";
+            goto fail;
+        }
+        // The phone's own size is only reported; the buffers keep the configured size.
+        logLine() << "read device info:" << static_cast<const char*>(name) << size[0] << size[1];
+    }
+
+    setDecoderBuffers();
+    if (!initStream()) {
+        failure = "init stream failed!";
+        goto fail;
+    }
+    // Without a controller the picture is still shown; touches are then dropped.
+    startController();
+    emit onLinkStatusChange(LINK_TYPE_USB, LINK_STATUS_STREAMING);
+    return;
+
+fail:
+    logLine() << failure;
+    exitLink();
+    emit onLinkStatusChange(LINK_TYPE_USB, LINK_STATUS_FAILED);
+}
+
+bool OrvaneService::startServer()
+{
+    phone_server_init(&server);
+    shell_command_run(shell_command_text(ENV_ADB_DEVICES_COMMAND, SHELL_ADB_DEVICES), SHELL_COMMAND_TIMEOUT_MS);
+    ServerParams params;
+    params.option_arg = serverParams.optionArg;
+    params.local_port = serverParams.localPort;
+    params.size_arg = serverParams.sizeArg;
+    params.bit_rate = serverParams.bitRate;
+    params.option_flag = serverParams.optionFlag;
+    return phone_server_start(&server, serverParams.serial, &params);
+}
+
+bool OrvaneService::connectToServer()
+{
+    connected = phone_server_connect(&server);
+    return connected;
+}
+
+bool OrvaneService::initVideoBuffer(int width, int height)
+{
+    videoBuffers.screen = &screen;
+    videoBufferReady = video_buffer_init(&videoBuffers, serverParams.videoBufferSync, width, height);
+    return videoBufferReady;
+}
+
+void OrvaneService::setDecoderBuffers()
+{
+    decoder.video_buffer = &videoBuffers;
+}
+
+bool OrvaneService::initStream()
+{
+    // On a Wi-Fi link the accept thread may write the video socket; read it once.
+    const int video = __atomic_load_n(&server.video_socket, __ATOMIC_RELAXED);
+    if (video != -1)
+        stream_init(&stream, video, STREAM_SOCKET_TCP, &decoder, wifiMode);
+    else if (server.udp_socket != -1)
+        stream_init(&stream, server.udp_socket, STREAM_SOCKET_UDP, &decoder, false);
+    else
+        return false;
+    streamRunning = stream_start(&stream);
+    return streamRunning;
+}
+
+bool OrvaneService::startController()
+{
+    controllerRunning = controller_init(&controller, server.control_socket);
+    if (!controllerRunning)
+        return false;
+    if (!controller_start(&controller)) {
+        controllerRunning = false;
+        controller_destroy(&controller);
+    }
+    return controllerRunning;
+}
+
+bool OrvaneService::setShowTouches(bool on)
+{
+    const char* args[] = {"shell", "settings", "put", "system", "show_touches", on ? "1" : "0"};
+    return command_check_exit(adb_run(server.serial, args, 6), "show_touches");
+}

@@ -1,0 +1,67 @@
+// Wi-Fi link start-up: listen for the phone's app, announce the service by DNS-SD, and wait.
+#include <QString>
+#include <cstdio>
+
+#include "service/log_line.h"
+#include "service/orvane_service.h"
+
+void OrvaneService::startWifiLink()
+{
+    logLine() << "OrvaneApp::startLink";
+
+    if (streamRunning) {
+        screen_set_hidden(&screen, false);
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_STREAMING);
+        return;
+    }
+    if (serverStarted) {
+        puts("mirroring server is started!");
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_START);
+        return;
+    }
+
+    screen_init(&screen);
+    if (!screen_init_rendering(&screen)) {
+        logLine() << "screen_init_rendering failed!";
+        exitLink();
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        return;
+    }
+    serverStarted = startServerForWifi();
+    if (!serverStarted) {
+        logLine() << "startServerForWifi failed!";
+        exitLink();
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        return;
+    }
+    if (dnssdRef != nullptr) {
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_START);
+        return;
+    }
+
+    // Without an identity nothing is announced; the listener stays up for a phone that knows us.
+    const std::string mac = find_mac(true);
+    if (mac.empty()) {
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        return;
+    }
+    int error = 0;
+    dnssdRef = dnssd_create("Mirroring", 9, mac.c_str(), static_cast<uint32_t>(mac.size()), &error);
+    if (error != 0) {
+        logLine() << "Could not initialize dnssd library!";
+        exitLink();
+        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        return;
+    }
+    const QByteArray width = QString::number(screen.screen_width, 10).toLocal8Bit();
+    const QByteArray height = QString::number(screen.screen_height, 10).toLocal8Bit();
+    dnssd_register_mirroring(dnssdRef, PHONE_SERVER_PORT, width.constData(), height.constData(), "30");
+    puts("register qvo mirroring dnssd!");
+    emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_START);
+}
+
+bool OrvaneService::startServerForWifi()
+{
+    phone_server_init(&server);
+    return phone_server_start_wifi(&server);
+}
