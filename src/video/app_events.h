@@ -5,10 +5,10 @@
 #include <QEvent>
 #include <cstdint>
 
-constexpr int EVENT_UPDATE_FRAME = 2025;        // QUpdateFrameEvent: defined, never sent
-constexpr int EVENT_STREAM_STOPPED = 2026;      // posted by the stream reader
-constexpr int EVENT_FRAME_SIZE_CHANGED = 2027;  // sent synchronously (stream reader, receiver)
-constexpr int EVENT_CLIENT_CONNECTED = 2028;    // posted by the Wi-Fi accept thread
+constexpr int EVENT_UPDATE_FRAME = 2025;       // QUpdateFrameEvent: defined, never sent
+constexpr int EVENT_STREAM_STOPPED = 2026;     // posted by the stream reader
+constexpr int EVENT_FRAME_SIZE_CHANGED = 2027; // sent synchronously (stream reader, receiver)
+constexpr int EVENT_CLIENT_CONNECTED = 2028;   // posted by the Wi-Fi accept thread
 
 // Carrier of an owned malloc'd byte buffer.
 class QUpdateFrameEvent : public QEvent

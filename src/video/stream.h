@@ -44,3 +44,5 @@ bool stream_start(stream* s);
 void stream_stop(stream* s);
 void stream_join(stream* s);
 bool stream_recv_udp_frame(stream* s, uint8_t** buffer, uint32_t* length);
+// Frames counted towards the next acknowledge byte (shared by every stream of the process).
+uint32_t stream_frame_counter();

@@ -13,13 +13,13 @@ struct screen;
 constexpr uint32_t VIDEO_BUFFER_SIZE = 0x100000;
 
 struct video_buffer {
-    struct screen* screen;       // where frames are shown; set before video_buffer_init
-    int memalloc_fd;             // allocator device, -1 when closed
-    decode_output* output;       // filled by the codec on each decode
+    struct screen* screen; // where frames are shown; set before video_buffer_init
+    int memalloc_fd;       // allocator device, -1 when closed
+    decode_output* output; // filled by the codec on each decode
     // Input descriptor handed to the codec by address: keep these three adjacent, in this order.
-    uint8_t* mapped_address;     // (uint8_t*)-1 when not mapped
-    uint32_t physical_address;   // 0 when none
-    uint32_t length;             // area size when mapped, then the current frame's byte length
+    uint8_t* mapped_address;   // (uint8_t*)-1 when not mapped
+    uint32_t physical_address; // 0 when none
+    uint32_t length;           // area size when mapped, then the current frame's byte length
     bool new_stream;
     bool codec_locked;
     int frame_width;

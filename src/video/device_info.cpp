@@ -1,0 +1,28 @@
+#include "video/device_info.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "net/sock.h"
+
+void device_info_parse(const uint8_t* record, char* name, int* size)
+{
+    // The name field is cut at 63 characters whatever the phone put in its last byte.
+    char text[DEVICE_NAME_FIELD];
+    std::memcpy(text, record, DEVICE_NAME_FIELD);
+    text[DEVICE_NAME_FIELD - 1] = '\0';
+    std::memcpy(name, text, std::strlen(text) + 1);
+    size[0] = record[64] * 256 + record[65];
+    size[1] = record[66] * 256 + record[67];
+}
+
+bool device_read_info(int socket, char* name, int* size)
+{
+    uint8_t record[DEVICE_INFO_SIZE];
+    if (sock_recv_all(socket, record, DEVICE_INFO_SIZE) < DEVICE_INFO_SIZE) {
+        std::puts("Could not retrieve device information");
+        return false;
+    }
+    device_info_parse(record, name, size);
+    return true;
+}
