@@ -2,6 +2,3 @@
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 
-void OrvaneService::requestTouchStatus(int, int, QString) {}
-void OrvaneService::requestTouchAction(uint, uint, uint) {}
-void OrvaneService::requestKeyValue(int type) { logLine() << "requestKeyValue" << type; }
