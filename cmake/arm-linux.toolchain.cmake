@@ -1,0 +1,27 @@
+# Cross-building the board variant for the head unit.
+#   cmake -S . -B build-arm -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux.toolchain.cmake \
+#         -DORVANE_ARCH=armhf|arm64 -DORVANE_SYSROOT=/path/to/head-unit-sysroot -DORVANE_PLATFORM=board
+# The sysroot holds the head unit's Qt, avahi compat and vendor codec/display libraries.
+set(CMAKE_SYSTEM_NAME Linux)
+if(NOT DEFINED ORVANE_ARCH)
+  set(ORVANE_ARCH armhf)
+endif()
+if(ORVANE_ARCH STREQUAL "arm64")
+  set(CMAKE_SYSTEM_PROCESSOR aarch64)
+  set(ORVANE_TRIPLE aarch64-linux-gnu)
+else()
+  set(CMAKE_SYSTEM_PROCESSOR arm)
+  set(ORVANE_TRIPLE arm-linux-gnueabihf)
+endif()
+set(CMAKE_C_COMPILER ${ORVANE_TRIPLE}-gcc)
+set(CMAKE_CXX_COMPILER ${ORVANE_TRIPLE}-g++)
+if(DEFINED ORVANE_SYSROOT)
+  set(CMAKE_SYSROOT ${ORVANE_SYSROOT})
+  set(CMAKE_FIND_ROOT_PATH ${ORVANE_SYSROOT})
+  set(ENV{PKG_CONFIG_SYSROOT_DIR} ${ORVANE_SYSROOT})
+  set(ENV{PKG_CONFIG_LIBDIR} "${ORVANE_SYSROOT}/usr/lib/${ORVANE_TRIPLE}/pkgconfig:${ORVANE_SYSROOT}/usr/share/pkgconfig")
+endif()
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
