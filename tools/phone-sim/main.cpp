@@ -1,0 +1,731 @@
+// phone-sim: stands in for the phone. As the phone-side server (launched by fake-adb where adb
+// would start it with app_process) it makes or takes the video and control connections, sends the
+// device information and a real H.264 stream, logs every control message it receives and sends
+// device messages on request. As the Wi-Fi phone app it connects to the head unit and streams.
+// Usage text below lists the environment that scripts it; the test pattern is described in
+// sim_encoder.h.
+#include <atomic>
+#include <cerrno>
+#include <cinttypes>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "sim_encoder.h"
+#include "sim_wire.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: phone-sim com.qvo.alink.Server SIZE BITRATE TUNNEL_FORWARD OPTION true FLAG\n"
+    "       phone-sim wifi --connect HOST:PORT [--bad-magic] [--reconnect MS]\n"
+    "\n"
+    "Server mode (what fake-adb runs for 'adb shell ... app_process / com.qvo.alink.Server ...'):\n"
+    "  SIZE W:H or '-', BITRATE decimal, TUNNEL_FORWARD true|false, FLAG true|false.\n"
+    "  TUNNEL_FORWARD false: connect to 127.0.0.1:PORT twice (video, then control).\n"
+    "  TUNNEL_FORWARD true: listen on 127.0.0.1:PORT, accept video then control, send one byte on\n"
+    "  the video connection first.\n"
+    "Wi-Fi mode: connect to HOST:PORT, send the 68-byte header (name \"AFFA...\"), stream, count the\n"
+    "  acknowledge bytes. --bad-magic sends a name without AFFA; --reconnect MS connects again MS\n"
+    "  milliseconds after the connection ended (once).\n"
+    "\n"
+    "Video: 68-byte device information, then H.264 access units framed by a 12-byte header\n"
+    "(PTS u64, length u32, big-endian). Live pattern from libx264 at SIZE (default 1280x720):\n"
+    "  top 5/6: left third red, middle third green, right third blue;\n"
+    "  bottom 1/6: black with a moving white square.\n"
+    "\n"
+    "Environment:\n"
+    "  PHONE_SIM_PORT         tunnel port (default 27555)\n"
+    "  PHONE_SIM_NAME         device name (default \"Orvane Phone Simulator\")\n"
+    "  PHONE_SIM_SIZE         W:H announced in the device information (default: SIZE)\n"
+    "  PHONE_SIM_FPS          frame rate (default 30)\n"
+    "  PHONE_SIM_CLIP         Annex-B H.264 file to send (looped) instead of the live pattern\n"
+    "  PHONE_SIM_LOG          progress log: connections, frames, acks, end reason\n"
+    "  PHONE_SIM_CONTROL_LOG  one JSON line per control message received (with \"t_ns\")\n"
+    "  PHONE_SIM_EVENTS       comma list: rotate@N eos@N close@N reset@N stall@N oversize@N\n"
+    "                         garbage@N close-control@N clipboard:TEXT@N notify@N short-info frames=N\n";
+
+std::atomic<bool> g_stop{false};
+std::mutex g_fds_mutex;
+std::vector<int> g_fds; // sockets to shut down on SIGTERM
+
+FILE* g_log = nullptr;
+std::mutex g_log_mutex;
+
+int64_t monotonic_ns()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+void logf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void logf(const char* fmt, ...)
+{
+    if (g_log == nullptr)
+        return;
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(g_log, fmt, ap);
+    va_end(ap);
+    fputc('\n', g_log);
+    fflush(g_log);
+}
+
+void track(int fd)
+{
+    std::lock_guard<std::mutex> lock(g_fds_mutex);
+    g_fds.push_back(fd);
+    if (g_stop.load())
+        shutdown(fd, SHUT_RDWR);
+}
+
+void close_fd(int* fd, bool reset = false)
+{
+    if (*fd < 0)
+        return;
+    std::lock_guard<std::mutex> lock(g_fds_mutex);
+    if (reset) {
+        linger lg{1, 0}; // abortive close: the peer sees a reset, not an orderly end
+        setsockopt(*fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+    } else {
+        shutdown(*fd, SHUT_RDWR);
+    }
+    for (auto it = g_fds.begin(); it != g_fds.end(); ++it) {
+        if (*it == *fd) {
+            g_fds.erase(it);
+            break;
+        }
+    }
+    close(*fd);
+    *fd = -1;
+}
+
+// SIGTERM/SIGINT are blocked in every thread and taken here, so the blocking calls of the other
+// threads are ended by shutting their sockets down rather than by signal-interrupted syscalls.
+void signal_thread()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGUSR1);
+    int sig = 0;
+    sigwait(&set, &sig);
+    if (sig == SIGUSR1)
+        return; // our own wake-up at exit
+    g_stop = true;
+    std::lock_guard<std::mutex> lock(g_fds_mutex);
+    for (int fd : g_fds)
+        shutdown(fd, SHUT_RDWR);
+}
+
+bool sleep_ms(int ms)
+{
+    for (int i = 0; i < ms / 10 && !g_stop; ++i)
+        usleep(10000);
+    return !g_stop;
+}
+
+bool send_all(int fd, const void* data, size_t len)
+{
+    const uint8_t* p = static_cast<const uint8_t*>(data);
+    while (len > 0) {
+        const ssize_t n = send(fd, p, len, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        p += n;
+        len -= size_t(n);
+    }
+    return true;
+}
+
+bool parse_size(const char* text, int* w, int* h)
+{
+    int a = 0, b = 0;
+    char end = 0;
+    if (sscanf(text, "%d:%d%c", &a, &b, &end) != 2 || a < 16 || b < 16 || a > 65535 || b > 65535)
+        return false;
+    *w = a;
+    *h = b;
+    return true;
+}
+
+int env_int(const char* name, int fallback, int lo, int hi, bool* ok)
+{
+    const char* v = getenv(name);
+    if (v == nullptr || *v == '\0')
+        return fallback;
+    char* end = nullptr;
+    const long n = strtol(v, &end, 10);
+    if (*end != '\0' || n < lo || n > hi) {
+        fprintf(stderr, "phone-sim: %s must be a number from %d to %d\n", name, lo, hi);
+        *ok = false;
+        return fallback;
+    }
+    return int(n);
+}
+
+struct Config {
+    bool wifi = false;
+    bool tunnel_forward = false;
+    int port = 27555;
+    std::string host = "127.0.0.1";
+    int width = 1280, height = 720;           // encoded picture
+    int info_width = 1280, info_height = 720; // announced in the device information
+    int64_t bit_rate = 8000000;
+    int fps = 30;
+    std::string name = "Orvane Phone Simulator";
+    std::string clip;
+    std::string control_log;
+    sim::Script script;
+    bool bad_magic = false;
+    int reconnect_ms = -1;
+};
+
+// Reads the head unit's control messages and logs each one as a JSON line the moment it is
+// complete; a message may arrive in pieces.
+void control_reader(int fd, std::string log_path)
+{
+    int log_fd = -1;
+    if (!log_path.empty())
+        log_fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    std::vector<uint8_t> pending;
+    uint8_t buf[4096];
+    unsigned count = 0;
+    for (;;) {
+        const ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            logf("control closed (%u messages)", count);
+            break;
+        }
+        const int64_t t = monotonic_ns();
+        pending.insert(pending.end(), buf, buf + n);
+        size_t off = 0;
+        long used;
+        sim::ControlRecord rec;
+        while ((used = sim::decode_control(pending.data() + off, pending.size() - off, &rec)) > 0) {
+            off += size_t(used);
+            ++count;
+            const std::string line = sim::control_to_json(rec, "\"t_ns\":" + std::to_string(t)) + "\n";
+            if (log_fd >= 0 && write(log_fd, line.data(), line.size()) < 0)
+                logf("control log write failed: %s", strerror(errno));
+        }
+        pending.erase(pending.begin(), pending.begin() + long(off));
+        if (used < 0) {
+            logf("control: unknown message type %u, stop reading", pending[0]);
+            if (log_fd >= 0) {
+                const std::string line = "{\"type\":\"unknown\",\"value\":" + std::to_string(pending[0]) +
+                                         ",\"t_ns\":" + std::to_string(t) + "}\n";
+                if (write(log_fd, line.data(), line.size()) < 0)
+                    logf("control log write failed: %s", strerror(errno));
+            }
+            break;
+        }
+    }
+    if (log_fd >= 0)
+        close(log_fd);
+}
+
+// Counts the head unit's acknowledge bytes and notices when it goes away.
+void video_back_reader(int fd, std::atomic<bool>* peer_gone)
+{
+    uint8_t buf[64];
+    unsigned acks = 0;
+    for (;;) {
+        const ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        for (ssize_t i = 0; i < n; ++i) {
+            if (buf[i] == 0x01)
+                logf("ack %u", ++acks);
+            else
+                logf("unexpected byte 0x%02x on the video connection", buf[i]);
+        }
+    }
+    logf("video connection ended (%u acks)", acks);
+    *peer_gone = true;
+}
+
+class FrameSource
+{
+public:
+    bool open(const Config& cfg, std::string* error)
+    {
+        if (!cfg.clip.empty()) {
+            FILE* f = fopen(cfg.clip.c_str(), "rb");
+            if (f == nullptr) {
+                *error = "cannot open " + cfg.clip + ": " + strerror(errno);
+                return false;
+            }
+            std::vector<uint8_t> data;
+            uint8_t chunk[65536];
+            size_t n;
+            while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
+                data.insert(data.end(), chunk, chunk + n);
+            fclose(f);
+            units_ = sim::split_access_units(data);
+            if (units_.empty()) {
+                *error = cfg.clip + " holds no H.264 access units";
+                return false;
+            }
+            return true;
+        }
+        return encoder_.open(cfg.width, cfg.height, cfg.fps, cfg.bit_rate, error);
+    }
+
+    bool next(unsigned n, std::vector<uint8_t>* out, std::string* error)
+    {
+        if (!units_.empty()) {
+            *out = units_[n % units_.size()];
+            return true;
+        }
+        return encoder_.encode(n, out, error);
+    }
+
+private:
+    std::vector<std::vector<uint8_t>> units_;
+    sim::LiveEncoder encoder_;
+};
+
+enum class End { Terminated, PeerGone, Closed, Error };
+
+// Keeps the connections open until the head unit leaves or we are told to stop.
+End idle(const std::atomic<bool>& peer_gone, const char* why)
+{
+    logf("idle: %s", why);
+    while (!g_stop && !peer_gone)
+        usleep(10000);
+    return g_stop ? End::Terminated : End::PeerGone;
+}
+
+End stream(const Config& cfg, FrameSource* source, int* video, int* control)
+{
+    std::atomic<bool> peer_gone{false};
+    const std::string name = (cfg.wifi ? (cfg.bad_magic ? "BFFA" : "AFFA") : "") + cfg.name;
+    const std::vector<uint8_t> info =
+        sim::encode_device_info(name, uint16_t(cfg.info_width), uint16_t(cfg.info_height));
+
+    if (cfg.script.short_info) {
+        send_all(*video, info.data(), 30);
+        logf("short device information sent (30 of 68 bytes), closing");
+        return End::Closed;
+    }
+    if (!send_all(*video, info.data(), info.size())) {
+        logf("device information not sent: %s", strerror(errno));
+        return g_stop ? End::Terminated : End::Error;
+    }
+    logf("device information sent: \"%s\" %dx%d", name.c_str(), cfg.info_width, cfg.info_height);
+
+    std::thread back(video_back_reader, *video, &peer_gone);
+    std::thread ctl;
+    if (*control >= 0)
+        ctl = std::thread(control_reader, *control, cfg.control_log);
+
+    std::mt19937 rng(12345);
+    const int64_t period = 1000000000 / cfg.fps;
+    int64_t due = monotonic_ns();
+    End end = End::Error;
+    std::vector<uint8_t> unit;
+    std::string error;
+    for (unsigned n = 0;; ++n) {
+        if (g_stop) {
+            end = End::Terminated;
+            break;
+        }
+        if (peer_gone) {
+            end = End::PeerGone;
+            break;
+        }
+        if (cfg.script.frames >= 0 && long(n) >= cfg.script.frames) {
+            end = idle(peer_gone, "frame limit reached");
+            break;
+        }
+        bool rotate = false;
+        bool finished = false;
+        uint8_t header[sim::kPacketHeaderSize];
+        for (const sim::Event& ev : cfg.script.events) {
+            if (ev.frame != n || finished)
+                continue;
+            switch (ev.kind) {
+            case sim::EventKind::Rotate:
+                rotate = true;
+                break;
+            case sim::EventKind::Clipboard:
+            case sim::EventKind::Notify: {
+                const std::vector<uint8_t> msg = ev.kind == sim::EventKind::Clipboard
+                                                     ? sim::encode_clipboard(ev.text)
+                                                     : sim::encode_notify();
+                const bool ok = *control >= 0 && send_all(*control, msg.data(), msg.size());
+                logf("%s at frame %u %s", ev.kind == sim::EventKind::Clipboard ? "clipboard" : "notify", n,
+                     ok ? "sent" : "not sent");
+                break;
+            }
+            case sim::EventKind::CloseControl:
+                logf("closing the control connection at frame %u", n);
+                close_fd(control);
+                break;
+            case sim::EventKind::Eos:
+                sim::encode_packet_header(header, uint64_t(n) * 1000000 / unsigned(cfg.fps), 0);
+                send_all(*video, header, sizeof header);
+                logf("end of stream sent at frame %u", n);
+                end = idle(peer_gone, "after end of stream");
+                finished = true;
+                break;
+            case sim::EventKind::Close:
+            case sim::EventKind::Reset:
+                logf("%s at frame %u", ev.kind == sim::EventKind::Close ? "closing" : "resetting", n);
+                close_fd(video, ev.kind == sim::EventKind::Reset);
+                close_fd(control, ev.kind == sim::EventKind::Reset);
+                end = End::Closed;
+                finished = true;
+                break;
+            case sim::EventKind::Stall:
+                end = idle(peer_gone, "stalled");
+                finished = true;
+                break;
+            case sim::EventKind::Oversize:
+                sim::encode_packet_header(header, n, 0x200000);
+                send_all(*video, header, sizeof header);
+                logf("oversized header (length 2097152) sent at frame %u", n);
+                end = idle(peer_gone, "after oversized header");
+                finished = true;
+                break;
+            case sim::EventKind::Garbage: {
+                std::vector<uint8_t> junk(4096);
+                for (uint8_t& b : junk)
+                    b = uint8_t(rng());
+                send_all(*video, junk.data(), junk.size());
+                logf("4096 random bytes sent at frame %u", n);
+                end = idle(peer_gone, "after garbage");
+                finished = true;
+                break;
+            }
+            }
+        }
+        if (finished)
+            break;
+
+        if (!source->next(n, &unit, &error)) {
+            logf("no frame: %s", error.c_str());
+            fprintf(stderr, "phone-sim: %s\n", error.c_str());
+            end = End::Error;
+            break;
+        }
+        sim::encode_packet_header(header, rotate ? sim::kRotationPts : uint64_t(n) * 1000000 / unsigned(cfg.fps),
+                             uint32_t(unit.size()));
+        if (!send_all(*video, header, sizeof header) || !send_all(*video, unit.data(), unit.size())) {
+            end = g_stop ? End::Terminated : End::PeerGone;
+            break;
+        }
+        logf("frame %u %zu bytes%s", n, unit.size(), rotate ? " rotation" : "");
+
+        due += period;
+        const int64_t now = monotonic_ns();
+        if (due > now) {
+            timespec ts{time_t((due - now) / 1000000000), long((due - now) % 1000000000)};
+            nanosleep(&ts, nullptr);
+        } else {
+            due = now; // fell behind (slow encoder or a full socket): no burst to catch up
+        }
+    }
+
+    // Wake the readers and collect them before the descriptors go away.
+    if (*video >= 0)
+        shutdown(*video, SHUT_RDWR);
+    if (*control >= 0)
+        shutdown(*control, SHUT_RDWR);
+    back.join();
+    if (ctl.joinable())
+        ctl.join();
+    return end;
+}
+
+int connect_to(const std::string& host, int port)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &res) != 0 || res == nullptr)
+        return -1;
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0) {
+        track(fd);
+        if (connect(fd, res->ai_addr, res->ai_addrlen) != 0)
+            close_fd(&fd);
+    }
+    freeaddrinfo(res);
+    return fd;
+}
+
+// A few tries: the head unit's side may still be coming up.
+int connect_retry(const std::string& host, int port, const char* what)
+{
+    for (int i = 0; i < 50 && !g_stop; ++i) {
+        int fd = connect_to(host, port);
+        if (fd >= 0) {
+            int one = 1;
+            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+            logf("%s connected to %s:%d", what, host.c_str(), port);
+            return fd;
+        }
+        sleep_ms(100);
+    }
+    logf("%s: cannot connect to %s:%d", what, host.c_str(), port);
+    return -1;
+}
+
+int listen_on(int port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    track(fd);
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(uint16_t(port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 2) != 0) {
+        fprintf(stderr, "phone-sim: cannot listen on 127.0.0.1:%d: %s\n", port, strerror(errno));
+        close_fd(&fd);
+        return -1;
+    }
+    return fd;
+}
+
+int accept_one(int listener, const char* what)
+{
+    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+        track(fd);
+        logf("%s connection accepted", what);
+    }
+    return fd;
+}
+
+const char* end_text(End e)
+{
+    switch (e) {
+    case End::Terminated:
+        return "terminated";
+    case End::PeerGone:
+        return "head unit closed the connection";
+    case End::Closed:
+        return "closed as scripted";
+    case End::Error:
+        return "error";
+    }
+    return "?";
+}
+
+int run_server(Config& cfg)
+{
+    FrameSource source;
+    std::string error;
+    if (!cfg.script.short_info && !source.open(cfg, &error)) {
+        fprintf(stderr, "phone-sim: %s\n", error.c_str());
+        return 1;
+    }
+    int video = -1, control = -1;
+    if (!cfg.tunnel_forward) {
+        video = connect_retry(cfg.host, cfg.port, "video");
+        if (video >= 0)
+            control = connect_retry(cfg.host, cfg.port, "control");
+    } else {
+        int listener = listen_on(cfg.port);
+        if (listener < 0)
+            return 1;
+        logf("listening on 127.0.0.1:%d", cfg.port);
+        video = accept_one(listener, "video");
+        // The first byte tells the head unit the server itself is there, not only the tunnel.
+        const uint8_t hello = 0;
+        if (video >= 0 && !send_all(video, &hello, 1))
+            close_fd(&video);
+        if (video >= 0)
+            control = accept_one(listener, "control");
+        close_fd(&listener);
+    }
+    End end = End::Error;
+    if (video >= 0 && control >= 0)
+        end = stream(cfg, &source, &video, &control);
+    else if (g_stop)
+        end = End::Terminated;
+    close_fd(&video);
+    close_fd(&control);
+    logf("end: %s", end_text(end));
+    return end == End::Error ? 1 : 0;
+}
+
+int run_wifi(Config& cfg)
+{
+    FrameSource source;
+    std::string error;
+    if (!cfg.script.short_info && !source.open(cfg, &error)) {
+        fprintf(stderr, "phone-sim: %s\n", error.c_str());
+        return 1;
+    }
+    End end = End::Error;
+    for (int round = 0; round < 2; ++round) {
+        int video = connect_retry(cfg.host, cfg.port, "video");
+        int control = -1;
+        end = video >= 0 ? stream(cfg, &source, &video, &control) : (g_stop ? End::Terminated : End::Error);
+        close_fd(&video);
+        logf("session end: %s", end_text(end));
+        if (end == End::Terminated || end == End::Error || cfg.reconnect_ms < 0 || round == 1)
+            break;
+        logf("reconnecting in %d ms", cfg.reconnect_ms);
+        if (!sleep_ms(cfg.reconnect_ms)) {
+            end = End::Terminated;
+            break;
+        }
+    }
+    logf("end: %s", end_text(end));
+    return end == End::Error ? 1 : 0;
+}
+
+int bad_usage(const char* why)
+{
+    fprintf(stderr, "phone-sim: %s\n%s", why, kUsage);
+    return 2;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
+        fputs(kUsage, argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+
+    Config cfg;
+    bool ok = true;
+    int size_w = 0, size_h = 0;
+    bool size_given = false;
+    if (strcmp(argv[1], "com.qvo.alink.Server") == 0) {
+        if (argc != 8)
+            return bad_usage("the server takes exactly 6 arguments after the class name");
+        if (strcmp(argv[2], "-") != 0) {
+            if (!parse_size(argv[2], &size_w, &size_h))
+                return bad_usage("SIZE must be W:H (16..65535) or -");
+            size_given = true;
+        }
+        char* end = nullptr;
+        cfg.bit_rate = strtoll(argv[3], &end, 10);
+        if (*end != '\0' || cfg.bit_rate <= 0)
+            return bad_usage("BITRATE must be a positive decimal number");
+        if (strcmp(argv[4], "true") != 0 && strcmp(argv[4], "false") != 0)
+            return bad_usage("TUNNEL_FORWARD must be true or false");
+        cfg.tunnel_forward = strcmp(argv[4], "true") == 0;
+        if (strcmp(argv[7], "true") != 0 && strcmp(argv[7], "false") != 0)
+            return bad_usage("FLAG must be true or false");
+    } else if (strcmp(argv[1], "wifi") == 0) {
+        cfg.wifi = true;
+        bool have_target = false;
+        for (int i = 2; i < argc; ++i) {
+            const std::string a = argv[i];
+            if (a == "--connect" && i + 1 < argc) {
+                const std::string t = argv[++i];
+                const size_t colon = t.rfind(':');
+                char* end = nullptr;
+                const long p = colon == std::string::npos ? 0 : strtol(t.c_str() + colon + 1, &end, 10);
+                if (p < 1 || p > 65535 || *end != '\0')
+                    return bad_usage("--connect takes HOST:PORT");
+                cfg.host = t.substr(0, colon);
+                cfg.port = int(p);
+                have_target = true;
+            } else if (a == "--bad-magic") {
+                cfg.bad_magic = true;
+            } else if (a == "--reconnect" && i + 1 < argc) {
+                char* end = nullptr;
+                cfg.reconnect_ms = int(strtol(argv[++i], &end, 10));
+                if (*end != '\0' || cfg.reconnect_ms < 0)
+                    return bad_usage("--reconnect takes milliseconds");
+            } else {
+                return bad_usage(("unknown Wi-Fi option " + a).c_str());
+            }
+        }
+        if (!have_target)
+            return bad_usage("wifi needs --connect HOST:PORT");
+    } else {
+        return bad_usage("unknown mode");
+    }
+
+    if (size_given) {
+        cfg.width = cfg.info_width = size_w;
+        cfg.height = cfg.info_height = size_h;
+    }
+    if (const char* s = getenv("PHONE_SIM_SIZE"); s != nullptr && *s != '\0') {
+        if (!parse_size(s, &cfg.info_width, &cfg.info_height))
+            return bad_usage("PHONE_SIM_SIZE must be W:H");
+    }
+    if (!cfg.wifi)
+        cfg.port = env_int("PHONE_SIM_PORT", 27555, 1, 65535, &ok);
+    cfg.fps = env_int("PHONE_SIM_FPS", 30, 1, 240, &ok);
+    if (!ok)
+        return bad_usage("bad environment");
+    if (const char* s = getenv("PHONE_SIM_NAME"))
+        cfg.name = s;
+    if (const char* s = getenv("PHONE_SIM_CLIP"))
+        cfg.clip = s;
+    if (const char* s = getenv("PHONE_SIM_CONTROL_LOG"))
+        cfg.control_log = s;
+    std::string script_error;
+    if (const char* s = getenv("PHONE_SIM_EVENTS");
+        s != nullptr && !sim::parse_script(s, &cfg.script, &script_error))
+        return bad_usage(("PHONE_SIM_EVENTS: " + script_error).c_str());
+    if (const char* s = getenv("PHONE_SIM_LOG"); s != nullptr && *s != '\0') {
+        g_log = fopen(s, "a");
+        if (g_log == nullptr) {
+            fprintf(stderr, "phone-sim: cannot open %s: %s\n", s, strerror(errno));
+            return 1;
+        }
+    }
+
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::thread signals(signal_thread);
+
+    logf("start: %s mode, port %d, picture %dx%d, info %dx%d, %d fps, %s", cfg.wifi ? "wifi" : "server",
+         cfg.port, cfg.width, cfg.height, cfg.info_width, cfg.info_height, cfg.fps,
+         cfg.clip.empty() ? "live pattern" : cfg.clip.c_str());
+    const int rc = cfg.wifi ? run_wifi(cfg) : run_server(cfg);
+
+    if (!g_stop)
+        pthread_kill(signals.native_handle(), SIGUSR1);
+    signals.join();
+    if (g_log != nullptr)
+        fclose(g_log);
+    return rc;
+}
