@@ -292,5 +292,5 @@ TEST_F(ControlReceiver, RepeatedLinksEndEveryReceiverThread)
     // A joined thread may take a moment to leave the kernel's task list.
     for (int i = 0; i < 200 && threads() > before; i++)
         usleep(10000);
-    EXPECT_EQ(threads(), before);
+    EXPECT_LE(threads(), before);
 }
