@@ -18,7 +18,9 @@ void device_info_parse(const uint8_t* record, char* name, int* size)
 
 bool device_read_info(int socket, char* name, int* size)
 {
-    uint8_t record[DEVICE_INFO_SIZE];
+    // Zeroed: the socket layer counts a short final read as complete, so the tail of the record
+    // may never be written.
+    uint8_t record[DEVICE_INFO_SIZE] = {};
     if (sock_recv_all(socket, record, DEVICE_INFO_SIZE) < DEVICE_INFO_SIZE) {
         std::puts("Could not retrieve device information");
         return false;
