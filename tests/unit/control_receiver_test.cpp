@@ -171,6 +171,15 @@ TEST_F(ControlReceiver, SplitClipboardIsReportedEarlyAndItsRestParsedAsNew)
     EXPECT_EQ(out, kStarted + "Device clipboard copied\nDevice clipboard copied\nReceiver stopped\n");
 }
 
+TEST_F(ControlReceiver, KeptBytesAreOverwrittenByTheNextRead)
+{
+    // The partial clipboard left after a complete one is kept, but the next read lands on top of
+    // it: the notify is seen as such, not as the tail of the clipboard.
+    std::string out = run_reads({{0x00, 0x00, 0x01, 'a', 0x00, 0x00, 0x04, 'x'}, {0x01, 0x00, 0x00}});
+    EXPECT_EQ(out, kStarted + "Device clipboard copied\nDevice clipboard copied\nReceiver stopped\n");
+    EXPECT_EQ(counter_.count.load(), 1);
+}
+
 TEST_F(ControlReceiver, RestOfSplitClipboardThatLooksUnknownEndsTheReceiverSilently)
 {
     std::string out =
