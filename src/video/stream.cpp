@@ -184,8 +184,13 @@ bool stream_recv_udp_frame(stream* s, uint8_t** buffer, uint32_t* length)
     for (;;) {
         struct sockaddr_in source;
         socklen_t source_length = 4;
-        if (recvfrom(s->socket, datagram, sizeof datagram, 0, reinterpret_cast<sockaddr*>(&source),
-                     &source_length) < 0)
+        const ssize_t received = recvfrom(s->socket, datagram, sizeof datagram, 0,
+                                          reinterpret_cast<sockaddr*>(&source), &source_length);
+        if (received < 0)
+            return false;
+        // A shut-down datagram socket reads as endless empty datagrams; only a stop request tells
+        // that apart from an empty datagram of the phone, which is read like any other.
+        if (received == 0 && stop_requested(s))
             return false;
         const uint16_t kind = be16(datagram);
         const uint64_t value = be64(datagram + 2);
