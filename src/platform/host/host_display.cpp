@@ -38,6 +38,7 @@ struct Layer {
     std::condition_variable vsync_cv;    // waiters of wait_for_vsync
     std::condition_variable clock_cv;    // wakes the clock/presenter thread to end
     std::condition_variable snapshot_cv; // wakes the snapshot thread
+    std::condition_variable idle_cv;     // a close has finished joining the threads
 
     std::set<int> fds;
     uint64_t generation = 0; // counts closes, so a waiter notices its layer went away
@@ -250,7 +251,9 @@ void snapshot_main()
 
 bool display_open(int fd)
 {
-    std::lock_guard<std::mutex> lock(g_layer.mutex);
+    std::unique_lock<std::mutex> lock(g_layer.mutex);
+    // A close on another thread may still be joining the previous layer's threads.
+    g_layer.idle_cv.wait(lock, [] { return !g_layer.closing; });
     g_layer.fds.insert(fd);
     if (g_layer.fds.size() > 1)
         return true; // the layer is already running for another descriptor
@@ -302,6 +305,7 @@ void display_close(int fd)
     g_layer.framelog = nullptr;
     g_layer.snapshot_path.clear();
     g_layer.closing = false;
+    g_layer.idle_cv.notify_all();
 }
 
 } // namespace orvane_host

@@ -17,6 +17,7 @@ bool SdlWindow::open(int width, int height)
 {
     if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
         printf("host display: SDL video unavailable (%s), running headless\n", SDL_GetError());
+        SDL_Quit(); // frees what the failed start left behind
         return false;
     }
     inited_ = true;
