@@ -38,7 +38,8 @@ struct CodecState {
     long tries = 0;
 };
 
-CodecState g_codec;
+// Never destroyed: the stream thread may be decoding while the process exits.
+CodecState& g_codec = *new CodecState;
 
 void print_av_error(const char* what, int err)
 {

@@ -47,8 +47,9 @@ constexpr uint32_t PHYS_ALIGN = 0x100000u;
 constexpr size_t AREA_MAX = 64u << 20;
 
 std::mutex g_mutex;
-std::map<int, Emulated> g_fds;
-std::map<uint32_t, Allocation> g_areas; // keyed by physical start
+// Never destroyed, like the layer and the codec that use them, so exit with a link up is clean.
+std::map<int, Emulated>& g_fds = *new std::map<int, Emulated>;
+std::map<uint32_t, Allocation>& g_areas = *new std::map<uint32_t, Allocation>; // keyed by physical start
 uint32_t g_next_phys = PHYS_FIRST;
 
 size_t page_round(size_t n)

@@ -70,7 +70,8 @@ struct Layer {
     std::thread snapshot_thread;
 };
 
-Layer g_layer;
+// Never destroyed: the layer's threads may still run while the process exits.
+Layer& g_layer = *new Layer;
 
 bool valid_fb_locked(int fb)
 {

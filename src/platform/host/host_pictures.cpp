@@ -24,7 +24,8 @@ constexpr uint32_t NAME_FIRST = 0x80000000u;
 constexpr uint32_t NAME_STEP = 0x10u;
 
 std::mutex g_mutex;
-std::map<uint32_t, Picture> g_pictures;
+// Never destroyed: a layer thread may still hold pictures while the process exits.
+std::map<uint32_t, Picture>& g_pictures = *new std::map<uint32_t, Picture>;
 uint32_t g_next = NAME_FIRST;
 
 } // namespace
