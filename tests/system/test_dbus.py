@@ -3,6 +3,8 @@ status dispatcher's log, the crash handler's report on SIGTERM, and the HMI clie
 
 import re
 import signal
+import subprocess
+import time
 import unittest
 
 import harness
@@ -131,6 +133,28 @@ class Client(harness.OrvaneTestCase):
         self.assertEqual(self.call('stop', 'wifi')[0], 0)
         daemon.wait_for_console(r'^' + LOG_PREFIX + r' OrvaneApp::requestLinkStatus 243 7 $', since=since)
         self.assertTrue(daemon.alive())
+
+    def test_start_gives_up_after_its_timeout(self):
+        daemon = self.start_daemon()
+        # A stopped daemon never answers; its start-up is never reached.
+        daemon.send_signal(signal.SIGSTOP)
+        began = time.monotonic()
+        rc, out, err = self.call('start', 'usb', '--timeout', '2')
+        self.assertEqual((rc, out), (2, ''))
+        self.assertEqual(err, 'orvanectl: no final link status within 2 s (last status 0 none)\n')
+        self.assertLess(time.monotonic() - began, 10)
+
+    def test_start_notices_a_daemon_that_dies(self):
+        daemon = self.start_daemon()
+        daemon.send_signal(signal.SIGSTOP)
+        client = subprocess.Popen([harness.binary('orvanectl'), 'start', 'wifi', '--timeout', '60'],
+                                  env=self.bus.env(), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(harness._kill_process, client)
+        time.sleep(0.5)
+        daemon.send_signal(signal.SIGKILL)
+        out, err = client.communicate(timeout=20)
+        self.assertEqual((client.returncode, out), (1, b''))
+        self.assertEqual(err, b'orvanectl: the mirror daemon (com.quorva.mirror) left the session bus\n')
 
 
 if __name__ == '__main__':

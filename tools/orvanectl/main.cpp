@@ -6,6 +6,7 @@
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+#include <QDBusServiceWatcher>
 #include <QObject>
 #include <QSocketNotifier>
 #include <QStringList>
@@ -174,6 +175,13 @@ int run_start(QDBusConnection& bus, int type, bool waitStream, int timeoutSecond
                 qPrintable(bus.lastError().message()));
         return EXIT_FAILED;
     }
+
+    // A daemon that dies during its start-up would otherwise look like a slow one.
+    QDBusServiceWatcher serviceWatcher(SERVICE, bus, QDBusServiceWatcher::WatchForUnregistration);
+    QObject::connect(&serviceWatcher, &QDBusServiceWatcher::serviceUnregistered, [] {
+        fprintf(stderr, "orvanectl: the mirror daemon (%s) left the session bus\n", SERVICE);
+        QCoreApplication::exit(EXIT_FAILED);
+    });
 
     // The daemon answers only when its whole start-up has run; the statuses come as signals.
     const QDBusPendingCall pending =
