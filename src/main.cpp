@@ -58,8 +58,8 @@ void install_exception_handler()
     action.sa_handler = exception_print_callstack;
     sigemptyset(&action.sa_mask);
     action.sa_flags = 0;
-    const int signals[] = {SIGSEGV, SIGABRT, SIGFPE, SIGILL, SIGTERM};
-    for (int sig : signals)
+    const int fatal_signals[] = {SIGSEGV, SIGABRT, SIGFPE, SIGILL, SIGTERM};
+    for (int sig : fatal_signals)
         sigaction(sig, &action, nullptr);
 }
 
