@@ -32,6 +32,7 @@ void receiver_join(Receiver* rcv)
     if (rcv->thread == nullptr)
         return;
     rcv->thread->wait();
+    rcv->thread->runReturned();
     // Links come and go for the daemon's whole life: the finished thread object is deleted here,
     // right after the wait, so that no thread object outlives its link.
     delete rcv->thread;
@@ -106,6 +107,12 @@ void controller_destroy(Controller* ctrl)
 }
 
 void ReceiverThread::run()
+{
+    loop();
+    runReturned_.store(true, std::memory_order_release);
+}
+
+void ReceiverThread::loop()
 {
     Receiver* rcv = receiver_;
     uint8_t buffer[RECEIVER_BUFFER_SIZE];

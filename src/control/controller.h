@@ -15,7 +15,7 @@ constexpr unsigned CONTROLLER_QUEUE_SLOTS = 65;
 constexpr size_t RECEIVER_BUFFER_SIZE = 4096;
 
 struct Receiver {
-    int control_socket;       // not owned
+    int control_socket; // not owned
     ReceiverThread* thread;
     QMutex* mutex;
     std::atomic<bool> stopped;
@@ -27,15 +27,23 @@ public:
     explicit ReceiverThread(Receiver* receiver) : receiver_(receiver) {}
     ~ReceiverThread() override = default;
 
+    // True once run() has returned. Read with acquire after wait(): QThread::wait synchronises
+    // through Qt's own futex, which ThreadSanitizer cannot see, so this makes the hand-over of
+    // everything run() touched explicit before the object is deleted.
+    bool runReturned() const { return runReturned_.load(std::memory_order_acquire); }
+
 protected:
     void run() override;
 
 private:
+    void loop();
+
     Receiver* receiver_;
+    std::atomic<bool> runReturned_{false};
 };
 
 struct Controller {
-    int control_socket;       // not owned
+    int control_socket; // not owned
     QMutex* mutex;
     QWaitCondition* condition;
     std::atomic<bool> stopped;
