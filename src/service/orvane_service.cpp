@@ -48,10 +48,16 @@ int OrvaneService::init()
                                 QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals);
     logLine() << "OrvaneApp init dbus:" << ok;
     if (!ok) {
+        // Qt 5 answers a taken name with false but no error of its own; say what happened.
+        QString message = bus.lastError().message();
+        if (message.isEmpty())
+            message = QString("Name \"%1\" could not be registered on the session bus: it is already owned or "
+                              "the bus is not reachable")
+                          .arg("com.quorva.mirror");
         // Its own scope, so the line is out before the process ends.
         {
             LogLine line;
-            line << bus.lastError().message();
+            line << message;
         }
         exit(1);
     }
