@@ -91,6 +91,7 @@ void stream_init(stream* s, int socket, int type, decoder* dec, bool ack_enabled
     s->thread = nullptr;
     s->stop_requested.store(false, std::memory_order_relaxed);
     s->spare = false;
+    s->finished.store(false, std::memory_order_relaxed);
     std::printf("%s socket:%d type:%d\n", "stream_init", socket, type);
 }
 
@@ -98,6 +99,7 @@ bool stream_start(stream* s)
 {
     std::puts("Starting stream thread");
     s->stop_requested.store(false, std::memory_order_relaxed);
+    s->finished.store(false, std::memory_order_relaxed);
     s->thread = new StreamThread(s);
     s->thread->start(QThread::HighPriority);
     return true;
@@ -117,6 +119,7 @@ void stream_join(stream* s)
     if (!s->thread)
         return;
     s->thread->wait();
+    s->finished.load(std::memory_order_acquire);
     s->thread->deleteLater();
     s->thread = nullptr;
 }
@@ -128,6 +131,7 @@ void StreamThread::run()
     if (dec && !decoder_open(dec, 0)) {
         std::puts("Could not open decoder");
         app_post_event(EVENT_STREAM_STOPPED);
+        s->finished.store(true, std::memory_order_release);
         return;
     }
     std::printf("run stream thread:%d\n", stop_requested(s) ? 1 : 0);
@@ -170,6 +174,7 @@ void StreamThread::run()
         decoder_close(dec);
     if (!stop_requested(s))
         app_post_event(EVENT_STREAM_STOPPED);
+    s->finished.store(true, std::memory_order_release);
 }
 
 bool stream_recv_udp_frame(stream* s, uint8_t** buffer, uint32_t* length)

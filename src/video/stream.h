@@ -23,6 +23,9 @@ struct stream {
     struct decoder* decoder;
     bool ack_enabled;
     std::atomic<bool> stop_requested;
+    // Set last thing by the reader thread; stream_join reads it after the wait so that the join
+    // is a visible hand-over of the record and the buffer (the wait itself is inside Qt).
+    std::atomic<bool> finished;
     bool spare;
 };
 
