@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -376,8 +377,16 @@ extern "C" int tezapi_set_fb_addr(int fb, unsigned a0, unsigned a1, unsigned a2,
     return 0;
 }
 
+static std::atomic<unsigned long> g_vsync_waits{0};
+
+extern "C" unsigned long host_vsync_wait_count(void)
+{
+    return g_vsync_waits.load(std::memory_order_relaxed);
+}
+
 extern "C" int tezapi_wait_for_vsync(int fb)
 {
+    g_vsync_waits.fetch_add(1, std::memory_order_relaxed);
     std::unique_lock<std::mutex> lock(g_layer.mutex);
     if (!valid_fb_locked(fb))
         return -1;

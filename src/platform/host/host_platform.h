@@ -56,6 +56,8 @@ extern "C" {
 uint8_t* host_memalloc_view(uint32_t physical, size_t* capacity);
 int host_memalloc_area_count(void);
 int host_picture_count(void);
+// How many times the layer has been asked to wait for a vsync since the process started.
+unsigned long host_vsync_wait_count(void);
 }
 
 namespace orvane_host {
