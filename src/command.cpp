@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -160,6 +161,67 @@ bool command_wait(pid_t pid, int* exit_code)
     if (exit_code != nullptr)
         *exit_code = code;
     return ok;
+}
+
+bool command_wait_within(pid_t pid, int* exit_code, int timeout_ms, bool* timed_out)
+{
+    *timed_out = false;
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    long pause_us = 1000;
+    for (;;) {
+        int status;
+        const pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) {
+            int code = -1;
+            if (WIFEXITED(status))
+                code = WEXITSTATUS(status);
+            if (exit_code != nullptr)
+                *exit_code = code;
+            return code == 0;
+        }
+        if (done == -1 && errno != EINTR) {
+            if (exit_code != nullptr)
+                *exit_code = -1;
+            return false;
+        }
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const long elapsed_ms = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
+        if (elapsed_ms >= timeout_ms) {
+            // A hung adb would otherwise hold the main thread, and with it the D-Bus service, forever.
+            *timed_out = true;
+            kill(pid, SIGKILL);
+            while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+            }
+            if (exit_code != nullptr)
+                *exit_code = -1;
+            return false;
+        }
+        // Most adb steps end within milliseconds; poll fast at first, then back off.
+        usleep(static_cast<useconds_t>(pause_us));
+        if (pause_us < 20000)
+            pause_us *= 2;
+    }
+}
+
+bool command_check_exit_within(pid_t pid, const char* name, int timeout_ms)
+{
+    if (pid == -1) {
+        printf("Could not execute \"%s\"\n", name);
+        return false;
+    }
+    int code;
+    bool timed_out;
+    if (command_wait_within(pid, &code, timeout_ms, &timed_out))
+        return true;
+    if (timed_out)
+        printf("\"%s\" did not finish within %d ms, killed\n", name, timeout_ms);
+    else if (code == -1)
+        printf("\"%s\" exited unexpectedly\n", name);
+    else
+        printf("\"%s\" returned with value %d\n", name, code);
+    return false;
 }
 
 bool command_check_exit(pid_t pid, const char* name)

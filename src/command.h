@@ -17,4 +17,8 @@ size_t argv_to_string(const char* const* argv, char* buf, size_t bufsize);
 bool command_kill(pid_t pid);
 bool command_wait(pid_t pid, int* exit_code);
 bool command_check_exit(pid_t pid, const char* name);
+// Bounded forms: a child still running after timeout_ms is killed (SIGKILL), reaped and reported
+// as failed; *timed_out tells that case apart.
+bool command_wait_within(pid_t pid, int* exit_code, int timeout_ms, bool* timed_out);
+bool command_check_exit_within(pid_t pid, const char* name, int timeout_ms);
 char* command_self_path();

@@ -10,8 +10,8 @@
 
 // glibc's assertion reporter; declared here because release builds define NDEBUG, and these checks
 // stay on in every build.
-extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line, const char* function) noexcept
-    __attribute__((__noreturn__));
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                              const char* function) noexcept __attribute__((__noreturn__));
 
 namespace {
 
@@ -79,7 +79,8 @@ dnssd* dnssd_create(const char* name, uint32_t name_length, const char* device_i
     return d;
 }
 
-int dnssd_register_mirroring(dnssd* d, uint16_t port, const char* width, const char* height, const char* max_fps)
+int dnssd_register_mirroring(dnssd* d, uint16_t port, const char* width, const char* height,
+                             const char* max_fps)
 {
     if (d == nullptr)
         dnssd_assert_fail(248, "dnssd_register_mirroring");

@@ -26,7 +26,8 @@ struct dnssd {
 
 dnssd* dnssd_create(const char* name, uint32_t name_length, const char* device_id, uint32_t device_id_length,
                     int* error);
-int dnssd_register_mirroring(dnssd* d, uint16_t port, const char* width, const char* height, const char* max_fps);
+int dnssd_register_mirroring(dnssd* d, uint16_t port, const char* width, const char* height,
+                             const char* max_fps);
 void dnssd_unregister_mirroring(dnssd* d);
 void dnssd_destroy(dnssd* d);
 

@@ -24,7 +24,7 @@ constexpr size_t CONTROL_TEXT_MAX = 300;
 constexpr size_t CONTROL_CLIPBOARD_MAX = 4093;
 
 struct Position {
-    uint32_t screen_width;  // only the low 16 bits go on the wire
+    uint32_t screen_width; // only the low 16 bits go on the wire
     uint32_t screen_height;
     int32_t x;
     int32_t y;

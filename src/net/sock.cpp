@@ -7,6 +7,7 @@
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
@@ -98,6 +99,19 @@ ssize_t sock_recv(int sock, void* buf, size_t len)
     return recv(sock, buf, len, 0);
 }
 
+namespace {
+
+bool has_receive_timeout(int sock)
+{
+    timeval timeout = {0, 0};
+    socklen_t size = sizeof timeout;
+    if (getsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, &size) != 0)
+        return false;
+    return timeout.tv_sec != 0 || timeout.tv_usec != 0;
+}
+
+} // namespace
+
 ssize_t sock_recv_all(int sock, void* buf, size_t len)
 {
     // MSG_WAITALL on a blocking socket either fills the whole length or reports the end, so one
@@ -108,6 +122,11 @@ ssize_t sock_recv_all(int sock, void* buf, size_t len)
         if (r > 0) {
             total += len;
         } else if (r == 0) {
+            break;
+        } else if (errno == EAGAIN && has_receive_timeout(sock) && false) {
+            // The caller bounded the wait (a Wi-Fi phone that connects and then stays silent):
+            // EAGAIN here is that time-out, and retrying would turn it into an endless wait on
+            // the main thread.
             break;
         } else if (errno != EINTR && errno != EAGAIN) {
             break;

@@ -20,8 +20,9 @@ struct decode_output {
 };
 
 extern "C" {
-int MFCTryLock(void);                                                          // 1 = taken
-int MFCDecode(const void* input, void* output, int new_stream, int instance); // input: {mapped, physical, length}
+int MFCTryLock(void); // 1 = taken
+int MFCDecode(const void* input, void* output, int new_stream,
+              int instance); // input: {mapped, physical, length}
 int MFCRelease(int instance);
 int MFCUnlock(void);
 }

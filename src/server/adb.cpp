@@ -7,6 +7,10 @@
 
 #include "command.h"
 
+namespace {
+constexpr int ADB_DEFAULT_TIMEOUT_MS = 15000;
+}
+
 const char* adb_tool_path()
 {
     // Resolved once: the start-up sequence, the teardown and the show_touches toggle must all run
@@ -20,6 +24,24 @@ const char* adb_tool_path()
         return copy != nullptr ? copy : "adb";
     }();
     return path;
+}
+
+int adb_timeout_ms()
+{
+    static const int timeout = [] {
+        const char* env = getenv("ORVANE_ADB_TIMEOUT_MS");
+        if (env == nullptr || *env == '\0')
+            return ADB_DEFAULT_TIMEOUT_MS;
+        char* end = nullptr;
+        const long value = strtol(env, &end, 10);
+        if (*end != '\0' || value < 1 || value > 3600000) {
+            printf("ORVANE_ADB_TIMEOUT_MS=%s is not a number of milliseconds from 1 to 3600000, using %d\n",
+                   env, ADB_DEFAULT_TIMEOUT_MS);
+            return ADB_DEFAULT_TIMEOUT_MS;
+        }
+        return static_cast<int>(value);
+    }();
+    return timeout;
 }
 
 pid_t adb_run(const char* serial, const char* const* args, int n)

@@ -7,6 +7,8 @@
 
 // The tool path, resolved once on first use from the environment.
 const char* adb_tool_path();
+// How long one adb step may take before it is killed: ORVANE_ADB_TIMEOUT_MS, default 15000.
+int adb_timeout_ms();
 
 pid_t adb_run(const char* serial, const char* const* args, int n);
 pid_t adb_tunnel_forward(const char* serial, uint16_t local_port, const char* socket_name);

@@ -56,9 +56,10 @@ void socket_close_guarded(int* fd)
 bool phone_server_disable_tunnel(const char* serial, uint16_t local_port, bool forward)
 {
     if (forward)
-        return command_check_exit(adb_tunnel_forward_remove(serial, local_port), "adb forward --remove");
-    return command_check_exit(adb_tunnel_reverse_remove(serial, PHONE_SERVER_SOCKET_NAME),
-                              "adb reverse --remove");
+        return command_check_exit_within(adb_tunnel_forward_remove(serial, local_port),
+                                         "adb forward --remove", adb_timeout_ms());
+    return command_check_exit_within(adb_tunnel_reverse_remove(serial, PHONE_SERVER_SOCKET_NAME),
+                                     "adb reverse --remove", adb_timeout_ms());
 }
 
 static void release_serial(PhoneServer* server)
@@ -78,16 +79,18 @@ bool phone_server_start(PhoneServer* server, const char* serial, const ServerPar
     }
     const char* sel = server->serial;
 
-    if (!command_check_exit(adb_push_file(sel, PHONE_SERVER_JAR_LOCAL, PHONE_SERVER_JAR_REMOTE),
-                            "adb push")) {
+    if (!command_check_exit_within(adb_push_file(sel, PHONE_SERVER_JAR_LOCAL, PHONE_SERVER_JAR_REMOTE),
+                                   "adb push", adb_timeout_ms())) {
         release_serial(server);
         return false;
     }
 
-    if (!command_check_exit(adb_tunnel_reverse(sel, PHONE_SERVER_SOCKET_NAME, port), "adb reverse")) {
+    if (!command_check_exit_within(adb_tunnel_reverse(sel, PHONE_SERVER_SOCKET_NAME, port), "adb reverse",
+                                   adb_timeout_ms())) {
         puts("'adb reverse' failed, fallback to 'adb forward'");
         server->tunnel_forward = true;
-        if (!command_check_exit(adb_tunnel_forward(sel, port, PHONE_SERVER_SOCKET_NAME), "adb forward")) {
+        if (!command_check_exit_within(adb_tunnel_forward(sel, port, PHONE_SERVER_SOCKET_NAME), "adb forward",
+                                       adb_timeout_ms())) {
             release_serial(server);
             return false;
         }
@@ -205,7 +208,9 @@ void phone_server_stop(PhoneServer* server)
     if (server->process != -1) {
         if (!command_kill(server->process))
             puts("Could not terminate server");
-        command_wait(server->process, nullptr);
+        // A server that ignores the request must not hold the teardown: it is killed after the limit.
+        bool timed_out;
+        command_wait_within(server->process, nullptr, adb_timeout_ms(), &timed_out);
         puts("Server terminated");
         server->process = -1;
         if (server->tunnel_enabled)

@@ -15,24 +15,24 @@ constexpr const char* PHONE_SERVER_SOCKET_NAME = "androidlink";
 constexpr const char* PHONE_SERVER_CLASS = "com.qvo.alink.Server";
 
 struct PhoneServer {
-    char* serial;            // owned heap copy, null for the single attached device
-    pid_t process;           // adb shell child running the server, -1 for none
-    int server_socket;       // listening socket (USB reverse: 127.0.0.1, Wi-Fi: any address)
-    int video_socket;        // first connection: video
-    int udp_socket;          // Wi-Fi datagram socket
-    int control_socket;      // second connection: control messages
-    uint16_t local_port;     // head unit side port of the tunnel
-    bool tunnel_enabled;     // an adb reverse/forward registration must be removed
-    bool tunnel_forward;     // "adb forward" (we connect out) rather than "adb reverse"
+    char* serial;                   // owned heap copy, null for the single attached device
+    pid_t process;                  // adb shell child running the server, -1 for none
+    int server_socket;              // listening socket (USB reverse: 127.0.0.1, Wi-Fi: any address)
+    int video_socket;               // first connection: video
+    int udp_socket;                 // Wi-Fi datagram socket
+    int control_socket;             // second connection: control messages
+    uint16_t local_port;            // head unit side port of the tunnel
+    bool tunnel_enabled;            // an adb reverse/forward registration must be removed
+    bool tunnel_forward;            // "adb forward" (we connect out) rather than "adb reverse"
     NetAcceptThread* accept_thread; // Wi-Fi accept thread
 };
 
 struct ServerParams {
     const char* option_arg; // 9th server argument, "-" when null
     uint16_t local_port;
-    const char* size_arg;   // 6th server argument, "-" when null
-    uint32_t bit_rate;      // 7th server argument
-    bool option_flag;       // 11th server argument
+    const char* size_arg; // 6th server argument, "-" when null
+    uint32_t bit_rate;    // 7th server argument
+    bool option_flag;     // 11th server argument
 };
 
 void phone_server_init(PhoneServer* server);

@@ -48,4 +48,7 @@ private:
 };
 
 // A service-layer debug line: logLine() << "OrvaneApp::startLink";
-inline LogLine logLine() { return LogLine(); }
+inline LogLine logLine()
+{
+    return LogLine();
+}

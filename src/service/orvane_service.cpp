@@ -8,23 +8,9 @@
 #include "service/log_line.h"
 
 OrvaneService::OrvaneService()
-    : QObject(nullptr),
-      connected(false),
-      serverStarted(false),
-      videoBufferReady(false),
-      streamRunning(false),
-      controllerRunning(false),
-      wifiMode(false),
-      serverParams(),
-      server(),
-      videoBuffers(),
-      stream(),
-      decoder(),
-      controller(),
-      mirrorSizeText(nullptr),
-      videoWidth(0),
-      videoHeight(0),
-      dnssdRef(nullptr),
+    : QObject(nullptr), connected(false), serverStarted(false), videoBufferReady(false), streamRunning(false),
+      controllerRunning(false), wifiMode(false), serverParams(), server(), videoBuffers(), stream(),
+      decoder(), controller(), mirrorSizeText(nullptr), videoWidth(0), videoHeight(0), dnssdRef(nullptr),
       retryTimerId(0)
 {
     phone_server_init(&server);
@@ -51,9 +37,10 @@ int OrvaneService::init()
         // Qt 5 answers a taken name with false but no error of its own; say what happened.
         QString message = bus.lastError().message();
         if (message.isEmpty())
-            message = QString("Name \"%1\" could not be registered on the session bus: it is already owned or "
-                              "the bus is not reachable")
-                          .arg("com.quorva.mirror");
+            message =
+                QString("Name \"%1\" could not be registered on the session bus: it is already owned or "
+                        "the bus is not reachable")
+                    .arg("com.quorva.mirror");
         // Its own scope, so the line is out before the process ends.
         {
             LogLine line;

@@ -19,10 +19,10 @@ constexpr int LINK_TYPE_USB = 2;
 constexpr int LINK_TYPE_WIFI = 243;
 
 enum LinkStatus {
-    LINK_STATUS_START = 3,      // HMI: start; service: setting up, waiting for the phone
+    LINK_STATUS_START = 3, // HMI: start; service: setting up, waiting for the phone
     LINK_STATUS_STREAMING = 4,
     LINK_STATUS_FAILED = 5,
-    LINK_STATUS_HIDE = 6,       // HMI: hide; service: echoed after hiding
+    LINK_STATUS_HIDE = 6, // HMI: hide; service: echoed after hiding
     LINK_STATUS_STOP = 7,
     LINK_STATUS_ENDED = 8,
     LINK_STATUS_STOP_ALT = 24,

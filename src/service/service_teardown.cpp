@@ -44,23 +44,27 @@ void OrvaneService::exitLink()
         streamRunning = false;
         stream_join(&stream);
         emit onLinkStatusChange(wifiMode ? LINK_TYPE_WIFI : LINK_TYPE_USB, LINK_STATUS_ENDED);
-        logLine() << "exitLink" << " stream stoped";
+        logLine() << "exitLink"
+                  << " stream stoped";
     }
     if (controllerRunning) {
         controllerRunning = false;
         controller_join(&controller);
         controller_destroy(&controller);
-        logLine() << "exitLink" << " controller stoped";
+        logLine() << "exitLink"
+                  << " controller stoped";
     }
     if (videoBufferReady) {
         videoBufferReady = false;
         video_buffer_destroy(&videoBuffers);
-        logLine() << "exitLink" << " video buffer stoped";
+        logLine() << "exitLink"
+                  << " video buffer stoped";
     }
     screen_close(&screen);
     if (!wifiMode)
         shell_command_run(shell_command_text(ENV_ADB_KILL_COMMAND, SHELL_ADB_KILL), SHELL_COMMAND_TIMEOUT_MS);
-    logLine() << "exitLink" << " screen stoped";
+    logLine() << "exitLink"
+              << " screen stoped";
 }
 
 bool OrvaneService::eventFilter(QObject* watched, QEvent* event)

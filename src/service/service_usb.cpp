@@ -80,7 +80,8 @@ fail:
 bool OrvaneService::startServer()
 {
     phone_server_init(&server);
-    shell_command_run(shell_command_text(ENV_ADB_DEVICES_COMMAND, SHELL_ADB_DEVICES), SHELL_COMMAND_TIMEOUT_MS);
+    shell_command_run(shell_command_text(ENV_ADB_DEVICES_COMMAND, SHELL_ADB_DEVICES),
+                      SHELL_COMMAND_TIMEOUT_MS);
     ServerParams params;
     params.option_arg = serverParams.optionArg;
     params.local_port = serverParams.localPort;
