@@ -77,7 +77,7 @@ if [ "$ORVANE_HOST_DISPLAY" = headless ]; then
 fi
 
 touch "$ORVANE_CONSOLE"
-tail -n +1 -f "$ORVANE_CONSOLE" | sed 's/^/console: /' &
+tail -n +1 -f "$ORVANE_CONSOLE" | sed -u 's/^/console: /' &
 TAIL_PID=$!
 
 "$BIN/orvaned" &
