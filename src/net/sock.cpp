@@ -123,7 +123,7 @@ ssize_t sock_recv_all(int sock, void* buf, size_t len)
             total += len;
         } else if (r == 0) {
             break;
-        } else if (errno == EAGAIN && has_receive_timeout(sock) && false) {
+        } else if (errno == EAGAIN && has_receive_timeout(sock)) {
             // The caller bounded the wait (a Wi-Fi phone that connects and then stays silent):
             // EAGAIN here is that time-out, and retrying would turn it into an endless wait on
             // the main thread.

@@ -7,7 +7,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
+#include <future>
 #include <netinet/in.h>
 #include <string>
 #include <sys/socket.h>
@@ -120,6 +122,43 @@ TEST(Sock, ShutdownReleasesABlockedReader)
     EXPECT_TRUE(sock_shutdown(c.server, SHUT_RDWR));
     reader.join();
     EXPECT_EQ(result.load(), 0);
+}
+
+TEST(Sock, RecvAllEndsAtTheReceiveTimeOutButWaitsOutANonBlockingSocket)
+{
+    // A silent Wi-Fi phone: the adoption bounds the header read with SO_RCVTIMEO, and that bound
+    // must end the read instead of being retried for ever.
+    Connection c;
+    connect_pair(c);
+    const timeval timeout = {0, 200000};
+    ASSERT_EQ(setsockopt(c.server, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout), 0);
+    std::promise<ssize_t> done;
+    std::future<ssize_t> result = done.get_future();
+    std::thread reader([&] {
+        char buf[68];
+        done.set_value(sock_recv_all(c.server, buf, sizeof buf));
+    });
+    // Generous hang guard only: if the time-out is retried, free the reader and fail.
+    const bool ended = result.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+    if (!ended)
+        shutdown(c.server, SHUT_RDWR);
+    reader.join();
+    EXPECT_TRUE(ended) << "sock_recv_all kept retrying after the receive time-out";
+    EXPECT_EQ(result.get(), 0);
+
+    // A non-blocking socket (no time-out set) still waits for the whole request.
+    Connection n;
+    connect_pair(n);
+    const int flags = fcntl(n.server, F_GETFL);
+    ASSERT_EQ(fcntl(n.server, F_SETFL, flags | O_NONBLOCK), 0);
+    std::thread writer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        send(n.client, "wxyz", 4, 0);
+    });
+    char buf[4] = {};
+    EXPECT_EQ(sock_recv_all(n.server, buf, 4), 4);
+    EXPECT_EQ(std::string(buf, 4), "wxyz");
+    writer.join();
 }
 
 TEST(Sock, SendAllWithNothingToSendDoesNotTouchTheSocket)
