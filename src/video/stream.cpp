@@ -51,7 +51,9 @@ bool stop_requested(const stream* s)
 // Reads one TCP packet into the video buffer; false ends the stream.
 bool recv_tcp_frame(stream* s, video_buffer* vb)
 {
-    uint8_t header[TCP_HEADER_SIZE];
+    // Zeroed: a phone that closes mid-header gets its short read counted as a whole header, and
+    // the missing bytes must not be whatever the stack held.
+    uint8_t header[TCP_HEADER_SIZE] = {};
     if (sock_recv_all(s->socket, header, sizeof header) < static_cast<ssize_t>(sizeof header))
         return false;
     const uint32_t length = be32(header + 8);
