@@ -15,6 +15,7 @@ Typical use:
 """
 
 import atexit
+import json
 import ctypes
 import os
 import re
@@ -558,3 +559,218 @@ class OrvaneTestCase(unittest.TestCase):
         left = end_orphans()
         if left:
             sys.stderr.write('\nprocesses left behind by the daemon, now killed: %s\n' % left)
+
+
+# ---------------------------------------------------------------------------------------------
+# The USB link with its stand-ins: fake-adb as the daemon's ADB, phone-sim as the phone (fake-adb
+# launches it), the headless display's picture log and snapshot as the test's eyes.
+
+def wait_until(predicate, timeout, what):
+    """Polls predicate until it returns something true; returns that value or fails with what."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError('%s: not within %s s' % (what, timeout))
+        time.sleep(0.05)
+
+
+def _read_lines(path):
+    try:
+        with open(path, 'rb') as f:
+            return f.read().decode(errors='replace').splitlines()
+    except FileNotFoundError:
+        return []
+
+
+class Picture:
+    """One line of the headless display's picture log."""
+
+    LINE = re.compile(r'^(\d+) (\d+)x(\d+) (-?\d+),(-?\d+),(\d+)x(\d+) ([01])$')
+
+    def __init__(self, line):
+        m = self.LINE.match(line)
+        if not m:
+            raise AssertionError('malformed picture log line %r' % line)
+        values = [int(v) for v in m.groups()]
+        self.t_ns = values[0]
+        self.size = (values[1], values[2])
+        self.place = tuple(values[3:7])
+        self.visible = values[7] == 1
+
+    def __repr__(self):
+        return 'Picture(%s, %s, visible=%s)' % (self.size, self.place, self.visible)
+
+
+class UsbRig:
+    """File paths and environment for a daemon that mirrors phone-sim through fake-adb.
+
+    Each shell command of the daemon leaves a line in its own log and a trace on the daemon's
+    console (its stdout is the console), so a test can count them and see where they ran in the
+    order of the service's own lines."""
+
+    OTG_TRACE = 'shell-trace: otg'
+    ADB_KILL_TRACE = 'shell-trace: adb kill'
+
+    def __init__(self, workdir):
+        self.workdir = workdir
+        self.adb_log = os.path.join(workdir, 'fake-adb.log')
+        self.sim_log = os.path.join(workdir, 'phone-sim.log')
+        self.control_log = os.path.join(workdir, 'control.jsonl')
+        self.framelog = os.path.join(workdir, 'pictures.log')
+        self.snapshot = os.path.join(workdir, 'screen.png')
+        self.otg_log = os.path.join(workdir, 'otg.log')
+        self.adb_kill_log = os.path.join(workdir, 'adb-kill.log')
+        self.adb_devices_log = os.path.join(workdir, 'adb-devices.log')
+
+    def env(self, fb='1024x600', fps=30, events=None, adb=None, **extra):
+        env = {
+            'ADB': adb or binary('fake-adb'),
+            'FAKE_ADB_LOG': self.adb_log,
+            'PHONE_SIM_LOG': self.sim_log,
+            'PHONE_SIM_CONTROL_LOG': self.control_log,
+            'PHONE_SIM_FPS': str(fps),
+            'ORVANE_HOST_FB': fb,
+            'ORVANE_HOST_FRAMELOG': self.framelog,
+            'ORVANE_HOST_SNAPSHOT': self.snapshot,
+            'ORVANE_OTG_COMMAND': 'echo otg >> %s; echo "%s"' % (self.otg_log, self.OTG_TRACE),
+            'ORVANE_ADB_KILL_COMMAND': 'echo "pkill adb" >> %s; echo "%s"' % (self.adb_kill_log,
+                                                                             self.ADB_KILL_TRACE),
+            'ORVANE_ADB_DEVICES_COMMAND': 'echo "adb devices" >> ' + self.adb_devices_log,
+        }
+        if events:
+            env['PHONE_SIM_EVENTS'] = events
+        env.update(extra)
+        return env
+
+    def adb_calls(self):
+        return _read_lines(self.adb_log)
+
+    def sim_lines(self):
+        return _read_lines(self.sim_log)
+
+    def otg_runs(self):
+        return len(_read_lines(self.otg_log))
+
+    def adb_kill_runs(self):
+        return len(_read_lines(self.adb_kill_log))
+
+    def pictures(self):
+        return [Picture(line) for line in _read_lines(self.framelog)]
+
+    def controls(self):
+        """The control messages phone-sim received, without their receive times."""
+        out = []
+        for line in _read_lines(self.control_log):
+            record = json.loads(line)
+            record.pop('t_ns', None)
+            out.append(record)
+        return out
+
+    def wait_pictures(self, count, since=0, visible=True, timeout=30):
+        """Waits for count pictures (of the given visibility) after index since; returns them all."""
+        def enough():
+            pics = self.pictures()[since:]
+            return pics if sum(1 for p in pics if p.visible == visible) >= count else None
+        return wait_until(enough, timeout, '%d pictures with visible=%s in %s' % (count, visible, self.framelog))
+
+    def wait_controls(self, count, timeout=20):
+        return wait_until(lambda: (lambda c: c if len(c) >= count else None)(self.controls()), timeout,
+                          '%d control messages at the phone' % count)
+
+    def fresh_snapshot(self, timeout=20):
+        """Removes the current snapshot and waits for the next one; returns its pixels."""
+        try:
+            os.unlink(self.snapshot)
+        except FileNotFoundError:
+            pass
+        wait_until(lambda: os.path.exists(self.snapshot), timeout, 'a new snapshot ' + self.snapshot)
+        return Snapshot(self.snapshot)
+
+
+class Snapshot:
+    """The pixels of a PNG snapshot, decoded by ffmpeg into RGB."""
+
+    def __init__(self, path):
+        probe = subprocess.run(['ffprobe', '-v', 'error', '-select_streams', 'v:0', '-show_entries',
+                                'stream=width,height', '-of', 'csv=p=0', path],
+                               capture_output=True, timeout=30, check=True)
+        self.width, self.height = (int(v) for v in probe.stdout.decode().strip().split(','))
+        raw = subprocess.run(['ffmpeg', '-v', 'error', '-i', path, '-f', 'rawvideo', '-pix_fmt', 'rgb24', '-'],
+                             capture_output=True, timeout=30, check=True).stdout
+        if len(raw) != self.width * self.height * 3:
+            raise AssertionError('snapshot %s decoded to %d bytes, not %dx%dx3'
+                                 % (path, len(raw), self.width, self.height))
+        self.raw = raw
+
+    def pixel(self, x, y):
+        i = (y * self.width + x) * 3
+        return tuple(self.raw[i:i + 3])
+
+    def colour(self, x, y):
+        """'red', 'green', 'blue', 'black', 'white' or 'other' (compression moves values a little)."""
+        r, g, b = self.pixel(x, y)
+        hi, lo = 160, 80
+        if r > hi and g < lo and b < lo:
+            return 'red'
+        if g > hi and r < lo and b < lo:
+            return 'green'
+        if b > hi and r < lo and g < lo:
+            return 'blue'
+        if max(r, g, b) < 40:
+            return 'black'
+        if min(r, g, b) > 200:
+            return 'white'
+        return 'other'
+
+    def all_black(self):
+        return max(self.raw) < 40
+
+
+def process_resources(pid):
+    """(threads, descriptors, resident kB) of a process."""
+    threads = len(os.listdir('/proc/%d/task' % pid))
+    fds = len(os.listdir('/proc/%d/fd' % pid))
+    rss = 0
+    with open('/proc/%d/status' % pid) as f:
+        for line in f:
+            if line.startswith('VmRSS:'):
+                rss = int(line.split()[1])
+    return threads, fds, rss
+
+
+def reap_orphans(timeout=10):
+    """Waits for the orphans to end by themselves and reaps them; returns the pids still running."""
+    deadline = time.monotonic() + timeout
+    while True:
+        running = []
+        for pid in orphans():
+            try:
+                done, _ = os.waitpid(pid, os.WNOHANG)
+            except ChildProcessError:
+                continue
+            if done == 0:
+                running.append(pid)
+        if not running or time.monotonic() > deadline:
+            return running
+        time.sleep(0.05)
+
+
+def descendants(pid):
+    """Every live (non-zombie) process below pid: [(pid, command line)]."""
+    out = []
+    todo = [pid]
+    while todo:
+        for kid in _children_of(todo.pop()):
+            todo.append(kid)
+            try:
+                with open('/proc/%d/stat' % kid) as f:
+                    if f.read().rsplit(')', 1)[1].split()[0] == 'Z':
+                        continue
+                with open('/proc/%d/cmdline' % kid, 'rb') as f:
+                    out.append((kid, f.read().replace(b'\0', b' ').decode(errors='replace').strip()))
+            except (OSError, IndexError):
+                pass
+    return out
