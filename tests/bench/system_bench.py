@@ -173,10 +173,9 @@ def run_link(clip, size, tmp, touches=0):
 
 
 def latency(sent, latches):
-    """For each latched picture, the time since the newest frame whose send had completed when the
-    picture was put on the layer's address (latch minus one vsync is not assumed: the whole path,
-    vsync wait included, is counted). When pictures are dropped by the frame-rate cap this pairs a
-    latch with the newest frame sent, which can only understate; the drop count is printed."""
+    """For each latched picture, the time since the newest frame whose send had completed before
+    the latch (vsync wait included). The frame-rate cap drops pictures, so a latch is paired with
+    the newest frame sent, which can only understate the latency of the picture actually shown."""
     times = [t for _, t in sent]
     out = []
     j = 0
@@ -189,7 +188,6 @@ def latency(sent, latches):
 
 
 def main():
-    harness.require_binaries = harness.require_binaries  # for clarity: raises SkipTest when missing
     for name in ('orvaned', 'fake-adb', 'phone-sim', 'orvanectl'):
         if not os.access(harness.binary(name), os.X_OK):
             sys.exit('system_bench: %s not built in %s' % (name, harness.BIN_DIR))
