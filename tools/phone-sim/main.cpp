@@ -28,6 +28,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "sim_discovery.h"
 #include "sim_encoder.h"
 #include "sim_wire.h"
 
@@ -35,16 +36,23 @@ namespace {
 
 const char kUsage[] =
     "usage: phone-sim com.qvo.alink.Server SIZE BITRATE TUNNEL_FORWARD OPTION true FLAG\n"
-    "       phone-sim wifi --connect HOST:PORT [--bad-magic] [--reconnect MS]\n"
+    "       phone-sim wifi --connect HOST:PORT | --discover [SECONDS]\n"
+    "                      [--bad-magic] [--silent] [--drop-at N] [--reconnect MS]\n"
     "\n"
     "Server mode (what fake-adb runs for 'adb shell ... app_process / com.qvo.alink.Server ...'):\n"
     "  SIZE W:H or '-', BITRATE decimal, TUNNEL_FORWARD true|false, FLAG true|false.\n"
     "  TUNNEL_FORWARD false: connect to 127.0.0.1:PORT twice (video, then control).\n"
     "  TUNNEL_FORWARD true: listen on 127.0.0.1:PORT, accept video then control, send one byte on\n"
     "  the video connection first.\n"
-    "Wi-Fi mode: connect to HOST:PORT, send the 68-byte header (name \"AFFA...\"), stream, count the\n"
-    "  acknowledge bytes. --bad-magic sends a name without AFFA; --reconnect MS connects again MS\n"
-    "  milliseconds after the connection ended (once).\n"
+    "Wi-Fi mode: connect to HOST:PORT, or find the head unit by DNS-SD (--discover: browse\n"
+    "  _qvo_mirroring._tcp, resolve it, check and log its TXT record, look up the host's IPv4\n"
+    "  address; default limit 30 s), send the 68-byte header (name \"AFFA\" + PHONE_SIM_NAME),\n"
+    "  stream, log every acknowledge byte with the number of frames sent so far.\n"
+    "  --bad-magic  the name starts with AFFB instead\n"
+    "  --silent     connect and send nothing; wait until the head unit closes the connection\n"
+    "  --drop-at N  abortive close (reset) of the connection before frame N\n"
+    "  --reconnect MS  connect once more MS milliseconds after the connection ended (to the same\n"
+    "               address; the scripted events and --drop-at apply to the first connection only)\n"
     "\n"
     "Video: 68-byte device information, then H.264 access units framed by a 12-byte header\n"
     "(PTS u64, length u32, big-endian). Live pattern from libx264 at SIZE (default 1280x720):\n"
@@ -106,6 +114,9 @@ void close_fd(int* fd, bool reset = false)
     if (reset) {
         linger lg{1, 0}; // abortive close: the peer sees a reset, not an orderly end
         setsockopt(*fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+        // A reader still blocked on the socket keeps it alive past close(), and the reset would
+        // wait for it; ending the receiving side wakes it without sending anything.
+        shutdown(*fd, SHUT_RD);
     } else {
         shutdown(*fd, SHUT_RDWR);
     }
@@ -201,6 +212,10 @@ struct Config {
     sim::Script script;
     bool bad_magic = false;
     int reconnect_ms = -1;
+    bool discover = false;
+    int discover_timeout_ms = 30000;
+    bool silent = false;
+    long drop_at = -1;
 };
 
 // Reads the head unit's control messages and logs each one as a JSON line the moment it is
@@ -250,7 +265,7 @@ void control_reader(int fd, std::string log_path)
 }
 
 // Counts the head unit's acknowledge bytes and notices when it goes away.
-void video_back_reader(int fd, std::atomic<bool>* peer_gone)
+void video_back_reader(int fd, std::atomic<bool>* peer_gone, const std::atomic<unsigned>* sent)
 {
     uint8_t buf[64];
     unsigned acks = 0;
@@ -262,7 +277,7 @@ void video_back_reader(int fd, std::atomic<bool>* peer_gone)
             break;
         for (ssize_t i = 0; i < n; ++i) {
             if (buf[i] == 0x01)
-                logf("ack %u", ++acks);
+                logf("ack %u after %u frames sent", ++acks, sent->load());
             else
                 logf("unexpected byte 0x%02x on the video connection", buf[i]);
         }
@@ -326,7 +341,8 @@ End idle(const std::atomic<bool>& peer_gone, const char* why)
 End stream(const Config& cfg, FrameSource* source, int* video, int* control)
 {
     std::atomic<bool> peer_gone{false};
-    const std::string name = (cfg.wifi ? (cfg.bad_magic ? "BFFA" : "AFFA") : "") + cfg.name;
+    std::atomic<unsigned> sent{0};
+    const std::string name = (cfg.wifi ? (cfg.bad_magic ? "AFFB" : "AFFA") : "") + cfg.name;
     const std::vector<uint8_t> info =
         sim::encode_device_info(name, uint16_t(cfg.info_width), uint16_t(cfg.info_height));
 
@@ -341,7 +357,7 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
     }
     logf("device information sent: \"%s\" %dx%d", name.c_str(), cfg.info_width, cfg.info_height);
 
-    std::thread back(video_back_reader, *video, &peer_gone);
+    std::thread back(video_back_reader, *video, &peer_gone, &sent);
     std::thread ctl;
     if (*control >= 0)
         ctl = std::thread(control_reader, *control, cfg.control_log);
@@ -436,12 +452,14 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
             end = End::Error;
             break;
         }
-        sim::encode_packet_header(header, rotate ? sim::kRotationPts : uint64_t(n) * 1000000 / unsigned(cfg.fps),
-                             uint32_t(unit.size()));
+        sim::encode_packet_header(header,
+                                  rotate ? sim::kRotationPts : uint64_t(n) * 1000000 / unsigned(cfg.fps),
+                                  uint32_t(unit.size()));
         if (!send_all(*video, header, sizeof header) || !send_all(*video, unit.data(), unit.size())) {
             end = g_stop ? End::Terminated : End::PeerGone;
             break;
         }
+        sent = n + 1;
         logf("frame %u %zu bytes%s", n, unit.size(), rotate ? " rotation" : "");
 
         due += period;
@@ -583,23 +601,74 @@ int run_server(Config& cfg)
     return end == End::Error ? 1 : 0;
 }
 
+// A phone that connects and never speaks: waits for the head unit to give up on it.
+End silent_session(int video)
+{
+    const int64_t start = monotonic_ns();
+    logf("silent: connected, sending nothing");
+    uint8_t buf[64];
+    for (;;) {
+        const ssize_t n = recv(video, buf, sizeof buf, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+    }
+    if (g_stop)
+        return End::Terminated;
+    logf("silent: head unit closed the connection after %" PRId64 " ms", (monotonic_ns() - start) / 1000000);
+    return End::PeerGone;
+}
+
 int run_wifi(Config& cfg)
 {
     FrameSource source;
     std::string error;
-    if (!cfg.script.short_info && !source.open(cfg, &error)) {
+    if (!cfg.silent && !cfg.script.short_info && !source.open(cfg, &error)) {
         fprintf(stderr, "phone-sim: %s\n", error.c_str());
         return 1;
+    }
+    if (cfg.discover) {
+        sim::Discovered found;
+        if (!sim::discover_service("_qvo_mirroring._tcp", cfg.discover_timeout_ms, g_stop, &found, &error)) {
+            logf("discovery failed: %s", error.c_str());
+            fprintf(stderr, "phone-sim: discovery failed: %s\n", error.c_str());
+            logf("end: %s", g_stop ? "terminated" : "error");
+            return g_stop ? 0 : 1;
+        }
+        logf("discovered \"%s\" at %s port %d address %s", found.instance.c_str(), found.host_target.c_str(),
+             found.port, found.address.c_str());
+        logf("txt %s", sim::txt_to_text(found).c_str());
+        for (const char* key : {"deviceid", "width", "height", "maxFPS"}) {
+            bool present = false;
+            for (const auto& item : found.txt)
+                present = present || item.first == key;
+            if (!present) {
+                logf("discovery failed: the TXT record has no %s", key);
+                fprintf(stderr, "phone-sim: the TXT record has no %s\n", key);
+                logf("end: error");
+                return 1;
+            }
+        }
+        cfg.host = found.address;
+        cfg.port = found.port;
     }
     End end = End::Error;
     for (int round = 0; round < 2; ++round) {
         int video = connect_retry(cfg.host, cfg.port, "video");
         int control = -1;
-        end = video >= 0 ? stream(cfg, &source, &video, &control) : (g_stop ? End::Terminated : End::Error);
+        if (video < 0)
+            end = g_stop ? End::Terminated : End::Error;
+        else if (cfg.silent)
+            end = silent_session(video);
+        else
+            end = stream(cfg, &source, &video, &control);
         close_fd(&video);
         logf("session end: %s", end_text(end));
         if (end == End::Terminated || end == End::Error || cfg.reconnect_ms < 0 || round == 1)
             break;
+        // The drop is the first connection's; the phone that comes back streams plainly.
+        cfg.script.events.clear();
         logf("reconnecting in %d ms", cfg.reconnect_ms);
         if (!sleep_ms(cfg.reconnect_ms)) {
             end = End::Terminated;
@@ -661,6 +730,24 @@ int main(int argc, char** argv)
                 cfg.host = t.substr(0, colon);
                 cfg.port = int(p);
                 have_target = true;
+            } else if (a == "--discover") {
+                cfg.discover = true;
+                have_target = true;
+                if (i + 1 < argc && argv[i + 1][0] != '-') {
+                    char* end = nullptr;
+                    const long seconds = strtol(argv[++i], &end, 10);
+                    if (*end != '\0' || seconds < 1 || seconds > 3600)
+                        return bad_usage("--discover takes seconds from 1 to 3600");
+                    cfg.discover_timeout_ms = int(seconds * 1000);
+                }
+            } else if (a == "--silent") {
+                cfg.silent = true;
+            } else if (a == "--drop-at" && i + 1 < argc) {
+                char* end = nullptr;
+                const long frame = strtol(argv[++i], &end, 10);
+                if (*end != '\0' || frame < 0)
+                    return bad_usage("--drop-at takes a frame number");
+                cfg.drop_at = frame;
             } else if (a == "--bad-magic") {
                 cfg.bad_magic = true;
             } else if (a == "--reconnect" && i + 1 < argc) {
@@ -673,7 +760,7 @@ int main(int argc, char** argv)
             }
         }
         if (!have_target)
-            return bad_usage("wifi needs --connect HOST:PORT");
+            return bad_usage("wifi needs --connect HOST:PORT or --discover");
     } else {
         return bad_usage("unknown mode");
     }
@@ -701,6 +788,8 @@ int main(int argc, char** argv)
     if (const char* s = getenv("PHONE_SIM_EVENTS");
         s != nullptr && !sim::parse_script(s, &cfg.script, &script_error))
         return bad_usage(("PHONE_SIM_EVENTS: " + script_error).c_str());
+    if (cfg.drop_at >= 0)
+        cfg.script.events.push_back({sim::EventKind::Reset, unsigned(cfg.drop_at), std::string()});
     if (const char* s = getenv("PHONE_SIM_LOG"); s != nullptr && *s != '\0') {
         g_log = fopen(s, "a");
         if (g_log == nullptr) {
