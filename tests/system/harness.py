@@ -549,16 +549,28 @@ class OrvaneTestCase(unittest.TestCase):
             return any(getattr(test, 'test_case', test) is self for test, _ in result.failures + result.errors)
         return any(exc_info is not None for _, exc_info in getattr(outcome, 'errors', []))
 
+    # What a sanitizer build of the daemon prints when it finds a fault.
+    SANITIZER_REPORT = re.compile(r'ERROR: (Address|Thread|Leak|Memory)Sanitizer|: runtime error: '
+                                  r'|WARNING: ThreadSanitizer')
+
     def _report_and_stop_daemons(self):
         failed = self._failed()
+        reports = []
         for daemon in self.daemons:
             daemon.stop()
+            m = self.SANITIZER_REPORT.search(daemon.console())
+            if m:
+                reports.append(daemon)
+                report = daemon.console()[m.start():].splitlines()[:80]
+                sys.stderr.write('\n----- sanitizer report of %s -----\n%s\n' % (daemon.name, '\n'.join(report)))
             if failed:
                 sys.stderr.write('\n----- console of %s (pid %d, exit %s) -----\n%s\n'
                                  % (daemon.name, daemon.pid, daemon.exit_code, daemon.console_tail(60)))
         left = end_orphans()
         if left:
             sys.stderr.write('\nprocesses left behind by the daemon, now killed: %s\n' % left)
+        if reports:
+            raise AssertionError('sanitizer report on the console of %s' % ', '.join(d.name for d in reports))
 
 
 # ---------------------------------------------------------------------------------------------
