@@ -702,6 +702,18 @@ class UsbRig:
         return Snapshot(self.snapshot)
 
 
+    def wait_snapshot(self, predicate, what, timeout=30):
+        """Takes fresh snapshots until one satisfies predicate (a snapshot begun just before a
+        change may still land after it); returns that snapshot."""
+        deadline = time.monotonic() + timeout
+        while True:
+            shot = self.fresh_snapshot(timeout=max(1, deadline - time.monotonic()))
+            if predicate(shot):
+                return shot
+            if time.monotonic() > deadline:
+                raise AssertionError('no snapshot %s within %s s' % (what, timeout))
+
+
 class Snapshot:
     """The pixels of a PNG snapshot, decoded by ffmpeg into RGB."""
 

@@ -97,9 +97,9 @@ class Start(UsbCase):
 
         # The pattern where the placement puts it: red, green, blue thirds over the top five sixths,
         # black below (apart from the moving square), black bars outside the picture.
-        shot = self.rig.fresh_snapshot()
-        self.assertEqual((shot.width, shot.height), tuple(int(v) for v in fb.split('x')))
         x, y, w, h = place
+        shot = self.rig.wait_snapshot(lambda s: s.colour(x + w // 6, y + h // 3) == 'red', 'with the picture')
+        self.assertEqual((shot.width, shot.height), tuple(int(v) for v in fb.split('x')))
         top = y + h * 5 // 12  # middle of the coloured band
         for fraction, colour in ((1, 'red'), (3, 'green'), (5, 'blue')):
             for dy in (-h // 6, 0, h // 6):
@@ -358,7 +358,7 @@ class RepeatedRequests(UsbCase):
         self.assertEqual(harness.request_link_status(self.bus, LINK_USB, 6)[0], 0)
         self.monitor.wait_for(LINK_USB, 6)
         hidden = self.rig.wait_pictures(5, since=seen, visible=False)
-        self.assertTrue(self.rig.fresh_snapshot().all_black())
+        self.rig.wait_snapshot(lambda s: s.all_black(), 'all black')
         # Hidden stays hidden: the pictures keep coming, none of them shown.
         after_hide = len(self.rig.pictures())
         self.rig.wait_pictures(5, since=after_hide, visible=False)
@@ -369,7 +369,7 @@ class RepeatedRequests(UsbCase):
         self.monitor.wait_for(LINK_USB, 4, since=before)
         self.daemon.wait_for_console(service_line('OrvaneApp::startLink'), since=0)
         self.rig.wait_pictures(3, since=len(hidden) + seen)
-        self.assertEqual(self.rig.fresh_snapshot().colour(170, 250), 'red')
+        self.rig.wait_snapshot(lambda s: s.colour(170, 250) == 'red', 'with the picture again')
         self.assertEqual(self.rig.adb_calls(), calls)
         self.assertEqual(self.monitor.all(), [(LINK_USB, 4), (LINK_USB, 6), (LINK_USB, 4)])
 
