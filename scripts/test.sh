@@ -52,11 +52,16 @@ step "board variant (compile only: the vendor libraries exist only on the head u
 cmake -S . -B build-board -G Ninja -DORVANE_PLATFORM=board -DORVANE_TESTS=OFF >/dev/null
 cmake --build build-board -j "$JOBS" --target orvane_core orvane_platform
 
-step "ASan+UBSan: unit tests"
+step "Qt 6 build: daemon and tools, and the D-Bus surface on it"
+cmake -S . -B build-qt6 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVANE_QT=6 -DORVANE_TESTS=OFF >/dev/null
+cmake --build build-qt6 -j "$JOBS"
+(cd tests/system && ORVANE_BUILD_DIR="$ROOT/build-qt6" python3 -m unittest test_dbus)
+
+step "ASan+UBSan: unit and system tests"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=address >/dev/null
 cmake --build build-asan -j "$JOBS"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_ctest --test-dir build-asan --output-on-failure -j "$JOBS" -L unit
+  run_ctest --test-dir build-asan --output-on-failure -j "$JOBS" -L 'unit|system' -E packaging
 
 step "TSan: unit tests"
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=thread >/dev/null
