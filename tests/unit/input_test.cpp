@@ -2,78 +2,46 @@
 // the control socket.
 #include <gtest/gtest.h>
 
-#include <QtGlobal>
-#include <cerrno>
 #include <csignal>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <vector>
 
 #include "service/input.h"
 #include "service/orvane_service.h"
 
 namespace {
 
-std::vector<std::string> logMessages;
-
-void keep_message(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    logMessages.push_back(text.toStdString());
-}
-
-bool ends_with(const std::string& text, const std::string& tail)
-{
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-std::string hex(const std::vector<uint8_t>& bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (uint8_t b : bytes) {
-        out += digits[b >> 4];
-        out += digits[b & 15];
-    }
-    return out;
-}
-
 // Touch message as the phone expects it: type 2, action, pointer 1, x, y, width, height.
 std::string touch(int action, int x, int y, int w = 1280, int h = 720)
 {
     char buf[64];
-    snprintf(buf, sizeof buf, "02%02x00000001%08x%08x%04x%04x", action, static_cast<unsigned>(x),
-             static_cast<unsigned>(y), w, h);
+    snprintf(buf, sizeof buf, "02%02x00000001%08x%08x%04x%04x", action, unsigned(x), unsigned(y), w, h);
     return buf;
 }
 
+// A 1024x600 picture at 0,0 showing 1280x720 video, on a running USB controller.
 class Input : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
         signal(SIGPIPE, SIG_IGN);
+        qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext&, const QString&) {}); // key request lines
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0);
         svc_.wifiMode = false;
         svc_.controllerRunning = true;
-        svc_.screen.x = 0;
-        svc_.screen.y = 0;
+        svc_.screen.x = svc_.screen.y = 0;
         svc_.screen.display_width = 1024;
         svc_.screen.display_height = 600;
         svc_.screen.frame_width = 1280;
         svc_.screen.frame_height = 720;
         ASSERT_TRUE(controller_init(&svc_.controller, fds_[0]));
-        // The press state is process-wide; every test starts from "never pressed".
-        touchPressed = -1;
-        lastTouchX = 0;
-        lastTouchY = 0;
-        logMessages.clear();
-        previousHandler_ = qInstallMessageHandler(keep_message);
+        touchPressed = -1; // process-wide: every test starts from "never pressed"
     }
-
     void TearDown() override
     {
-        qInstallMessageHandler(previousHandler_);
         controller_destroy(&svc_.controller);
         close(fds_[0]);
         close(fds_[1]);
@@ -82,172 +50,88 @@ protected:
     // Everything the phone has been sent since the last call, as hex.
     std::string sent()
     {
-        std::vector<uint8_t> bytes;
-        uint8_t buf[256];
+        std::string out;
+        unsigned char buf[256];
+        char two[3];
         ssize_t n;
         while ((n = recv(fds_[1], buf, sizeof buf, MSG_DONTWAIT)) > 0)
-            bytes.insert(bytes.end(), buf, buf + n);
-        return hex(bytes);
+            for (ssize_t i = 0; i < n; i++) {
+                snprintf(two, sizeof two, "%02x", buf[i]);
+                out += two;
+            }
+        return out;
     }
-
-    void press(uint x, uint y) { svc_.requestTouchAction(1, x, y); }
-    void move(uint x, uint y) { svc_.requestTouchAction(2, x, y); }
-    void release(uint x, uint y) { svc_.requestTouchAction(3, x, y); }
 
     OrvaneService svc_;
     int fds_[2];
-    QtMessageHandler previousHandler_ = nullptr;
 };
 
 } // namespace
 
-TEST_F(Input, TouchesOnThePictureAreScaledToTheVideo)
+TEST_F(Input, TouchesAreScaledFromThePictureToTheVideo)
 {
-    press(512, 300);
-    EXPECT_EQ(sent(), touch(0, 640, 360));
-    EXPECT_EQ(touchPressed, 1);
-    move(256, 150);
-    EXPECT_EQ(sent(), touch(2, 320, 180));
-    // 1022 * 1.25 = 1277.5 and 598 * 1.2 = 717.6: truncated toward zero.
-    release(1022, 598);
-    EXPECT_EQ(sent(), touch(1, 1277, 717));
+    enum { PRESS = 1, MOVE = 2, RELEASE = 3 };
+    const struct {
+        uint type, x, y;
+        std::string sent;
+    } steps[] = {
+        {MOVE, 500, 300, ""}, // nothing before a press
+        {RELEASE, 500, 300, ""},
+        {PRESS, 0, 300, ""}, // the outermost columns and rows are outside
+        {PRESS, 1023, 300, ""},
+        {PRESS, 500, 599, ""},
+        {PRESS, 512, 300, touch(0, 640, 360)},
+        {MOVE, 256, 150, touch(2, 320, 180)},
+        {MOVE, 2000, 300, ""},                     // off the picture: dropped
+        {4, 256, 150, ""},                         // no such touch type
+        {RELEASE, 5000, 5000, touch(1, 320, 180)}, // lifted off the picture: up at the last inside point
+        {MOVE, 510, 300, ""},
+        {PRESS, 1022, 598, touch(0, 1277, 717)}, // 1277.5 and 717.6 truncated
+        {RELEASE, 1, 1, touch(1, 1, 1)},
+    };
+    for (const auto& s : steps) {
+        svc_.requestTouchAction(s.type, s.x, s.y);
+        EXPECT_EQ(sent(), s.sent) << "step " << &s - steps;
+    }
     EXPECT_EQ(touchPressed, 0);
-}
 
-TEST_F(Input, PictureEdgesAndOffsetsCountFromTheScreenPosition)
-{
+    // A moved picture counts from its corner; a release uses the video size at the time.
     svc_.screen.x = 100;
     svc_.screen.y = 50;
-    // The outermost columns and rows are outside: x 100 and 1123, y 50 and 649.
-    press(100, 300);
-    press(1123, 300);
-    press(500, 50);
-    press(500, 649);
-    press(99, 300);
-    EXPECT_EQ(sent(), "");
-    EXPECT_EQ(touchPressed, -1);
-    // The first pixel inside maps from its distance to the picture's corner.
-    press(101, 51);
-    EXPECT_EQ(sent(), touch(0, 1, 1));
-    press(1122, 648);
-    EXPECT_EQ(sent(), touch(0, 1277, 717));
-
-    // A picture with no size takes no touches.
-    touchPressed = -1;
-    svc_.screen.display_width = 0;
-    press(101, 51);
-    EXPECT_EQ(sent(), "");
-    EXPECT_EQ(touchPressed, -1);
-}
-
-TEST_F(Input, MovesAndReleasesNeedAForwardedPress)
-{
-    move(500, 300);
-    release(500, 300);
-    EXPECT_EQ(sent(), "");
-    press(500, 300);
-    release(500, 300);
-    EXPECT_EQ(sent(), touch(0, 625, 360) + touch(1, 625, 360));
-    move(510, 300);
-    release(510, 300);
-    // Unknown touch types neither send nor press.
-    svc_.requestTouchAction(4, 500, 300);
-    svc_.requestTouchAction(0, 500, 300);
-    move(500, 300);
-    EXPECT_EQ(sent(), "");
-    EXPECT_EQ(touchPressed, 0);
-}
-
-TEST_F(Input, ReleaseOffThePictureGoesOutAtTheLastInsidePosition)
-{
-    press(512, 300);
-    move(800, 500);
-    move(2000, 300); // off the picture: dropped
-    press(2000, 300);
-    release(5000, 5000);
-    EXPECT_EQ(sent(), touch(0, 640, 360) + touch(2, 1000, 600) + touch(1, 1000, 600));
-    EXPECT_EQ(touchPressed, 0);
-    release(5000, 5000);
-    EXPECT_EQ(sent(), "");
-
-    // The frame size of the release is the one current when the finger is lifted.
-    press(512, 300);
+    svc_.requestTouchAction(PRESS, 100, 300);
+    svc_.requestTouchAction(PRESS, 101, 51);
     svc_.screen.frame_width = 720;
     svc_.screen.frame_height = 1280;
-    release(1024, 300);
-    EXPECT_EQ(sent(), touch(0, 640, 360) + touch(1, 640, 360, 720, 1280));
+    svc_.requestTouchAction(RELEASE, 0, 0);
+    EXPECT_EQ(sent(), touch(0, 1, 1) + touch(1, 1, 1, 720, 1280));
 }
 
-TEST_F(Input, PressStateOutlivesTheLink)
+TEST_F(Input, KeysGoOutAsPressThenRelease)
 {
-    press(512, 300);
-    sent();
-    // The link ends with the finger down and a new one comes up: its first move goes out.
-    controller_stop(&svc_.controller);
-    controller_destroy(&svc_.controller);
-    ASSERT_TRUE(controller_init(&svc_.controller, fds_[0]));
-    move(512, 300);
-    EXPECT_EQ(sent(), touch(2, 640, 360));
+    for (int key : {2, 7, 0, 1, 3})
+        svc_.requestKeyValue(key);
+    // Back, home and menu as keycodes 4, 3 and 82, each down then up; 7 and 0 are no keys.
+    EXPECT_EQ(sent(), "00000000000400000000"
+                      "00010000000400000000"
+                      "00000000000300000000"
+                      "00010000000300000000"
+                      "00000000005200000000"
+                      "00010000005200000000");
 }
 
 TEST_F(Input, NothingIsForwardedWithoutAUsbController)
 {
     svc_.wifiMode = true;
-    press(512, 300);
+    svc_.requestTouchAction(1, 512, 300);
     svc_.requestKeyValue(1);
     EXPECT_EQ(sent(), "");
     EXPECT_EQ(touchPressed, -1);
 
     svc_.wifiMode = false;
     svc_.controllerRunning = false;
-    press(512, 300);
+    svc_.requestTouchAction(1, 512, 300);
+    controller_stop(&svc_.controller); // keys rely on the controller's own refusal
+    svc_.requestKeyValue(2);
     EXPECT_EQ(sent(), "");
     EXPECT_EQ(touchPressed, -1);
-
-    // Keys do not look at controllerRunning; a stopped controller refuses them itself.
-    controller_stop(&svc_.controller);
-    svc_.requestKeyValue(2);
-    EXPECT_EQ(sent(), "");
-
-    // Every key request is logged, also the ignored ones; touches never are.
-    ASSERT_EQ(logMessages.size(), 2u);
-    EXPECT_TRUE(ends_with(logMessages[0], " requestKeyValue 1 ")) << logMessages[0];
-    EXPECT_TRUE(ends_with(logMessages[1], " requestKeyValue 2 ")) << logMessages[1];
-}
-
-TEST_F(Input, KeysGoOutAsPressThenRelease)
-{
-    svc_.requestKeyValue(2);
-    EXPECT_EQ(sent(), "00000000000400000000"
-                      "00010000000400000000");
-    svc_.requestKeyValue(1);
-    svc_.requestKeyValue(3);
-    EXPECT_EQ(sent(), "00000000000300000000"
-                      "00010000000300000000"
-                      "00000000005200000000"
-                      "00010000005200000000");
-    svc_.requestKeyValue(7);
-    svc_.requestKeyValue(0);
-    EXPECT_EQ(sent(), "");
-    ASSERT_EQ(logMessages.size(), 5u);
-    EXPECT_TRUE(ends_with(logMessages[3], " requestKeyValue 7 ")) << logMessages[3];
-    // Touch status requests are accepted and change nothing.
-    svc_.requestTouchStatus(1, 1, "512,300");
-    EXPECT_EQ(sent(), "");
-    EXPECT_EQ(logMessages.size(), 5u);
-}
-
-TEST(InputMessages, BuildersFollowTheTables)
-{
-    ControlMessage msg;
-    msg.type = CONTROL_TEXT;
-    // A bad key action still marks the message as a key.
-    EXPECT_FALSE(build_key_message(5, 1, &msg));
-    EXPECT_EQ(msg.type, CONTROL_KEYCODE);
-    EXPECT_FALSE(build_key_message(4, 9, &msg));
-    EXPECT_EQ(msg.keycode.action, 1);
-
-    msg.type = CONTROL_TEXT;
-    EXPECT_FALSE(build_touch_message(3, 1, 2, 3, 4, &msg));
-    EXPECT_EQ(msg.type, CONTROL_TEXT); // untouched
 }
