@@ -1,19 +1,10 @@
 // The stream reader's TCP framing fed by a phone over a real socket pair: the input is the byte
-// stream the phone sends, then it closes. The decoder and the video buffer are in place but the
-// screen is closed, so frames are received into the buffer and not decoded.
-#include <QCoreApplication>
+// stream the phone sends before it closes. The screen is closed, so frames are received into the
+// video buffer and not decoded.
 #include <atomic>
-#include <cerrno>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <poll.h>
-#include <string>
-#include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 
+#include "fuzz_support.h"
 #include "video/app_events.h"
 #include "video/decoder.h"
 #include "video/screen.h"
@@ -22,54 +13,39 @@
 
 namespace {
 
-class EventSink : public QObject
-{
-public:
+struct RotationCounter : QObject {
     bool eventFilter(QObject* watched, QEvent* event) override
     {
         if (event->type() == EVENT_FRAME_SIZE_CHANGED)
-            rotations.fetch_add(1, std::memory_order_relaxed);
+            count++;
         return QObject::eventFilter(watched, event);
     }
-    std::atomic<long> rotations{0};
+    std::atomic<long> count{0};
 };
 
-QCoreApplication* app;
-EventSink* sink;
+RotationCounter rotations;
 screen scr;
-video_buffer buffer;
+video_buffer buffer; // one for the whole run, as the service keeps one per link
 
-uint32_t be32(const uint8_t* p)
+// Frames received and rotations signalled before the stream ends (end of input, zero length, or a
+// frame the buffer cannot hold). A read cut short by the close counts as complete: a short header
+// reads as zeros where bytes are missing, a short payload as a whole frame.
+void expected(const uint8_t* data, size_t size, long* frames, long* turns)
 {
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
-
-// What the reader makes of the bytes: frames received and rotations signalled before the stream
-// ends (end of input, zero length, or a frame the buffer cannot hold). A read cut short by the
-// phone's close counts as complete, as the socket layer has it: a short header reads as zeros
-// where bytes are missing, a short payload as a whole frame.
-void expected(const uint8_t* data, size_t size, long* frames, long* rotations)
-{
-    size_t at = 0;
-    *frames = 0;
-    *rotations = 0;
-    while (at < size) {
+    *frames = *turns = 0;
+    for (size_t at = 0; at < size; ++*frames) {
         uint8_t header[12] = {};
-        const size_t got = size - at < 12 ? size - at : 12;
+        const size_t got = std::min(size - at, sizeof header);
         memcpy(header, data + at, got);
         at += got;
-        const uint32_t length = be32(header + 8);
+        const uint32_t length = uint32_t(header[8]) << 24 | header[9] << 16 | header[10] << 8 | header[11];
         if (length == 0)
             return;
-        bool all_ones = true;
-        for (int i = 0; i < 8; ++i)
-            all_ones = all_ones && header[i] == 0xFF;
-        if (all_ones)
-            ++*rotations;
+        if (memcmp(header, "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", 8) == 0)
+            ++*turns;
         if (length > VIDEO_BUFFER_SIZE || at == size)
             return;
-        at += length < size - at ? length : size - at;
-        ++*frames;
+        at += std::min<size_t>(length, size - at);
     }
 }
 
@@ -77,17 +53,7 @@ void expected(const uint8_t* data, size_t size, long* frames, long* rotations)
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
-    if (freopen("/dev/null", "w", stdout) == nullptr)
-        abort();
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-    const std::string lock = "/tmp/orvane-fuzz-codec-" + std::to_string(getpid()) + ".lock";
-    setenv("ORVANE_HOST_CODEC_LOCK", lock.c_str(), 1);
-    setenv("ORVANE_HOST_DISPLAY", "headless", 1);
-    unsetenv("ORVANE_HOST_FAULTS");
-    app = new QCoreApplication(*argc, *argv);
-    sink = new EventSink;
-    app->installEventFilter(sink);
-    // One buffer for the whole run, as the service keeps one per link.
+    fuzz_host_app(argc, argv)->installEventFilter(&rotations);
     screen_init(&scr);
     buffer.screen = &scr;
     buffer.memalloc_fd = -1;
@@ -107,37 +73,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     stream st;
     stream_init(&st, fds[0], STREAM_SOCKET_TCP, &dec, false);
     const uint32_t frames_before = stream_frame_counter();
-    const long rotations_before = sink->rotations.load();
+    const long rotations_before = rotations.count;
     stream_start(&st);
-
-    // A reader that ended early stops draining its socket: stop sending once it has finished.
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = send(fds[1], data + done, size - done, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-            continue;
-        }
-        if (errno != EAGAIN && errno != EWOULDBLOCK)
-            break;
-        if (st.thread->isFinished())
-            break;
-        pollfd p = {fds[1], POLLOUT, 0};
-        poll(&p, 1, 10);
-    }
-    // The phone closes its end: the reader must end by itself.
-    shutdown(fds[1], SHUT_WR);
+    phone_send(fds[1], data, size, [&] { return st.thread->isFinished(); });
+    shutdown(fds[1], SHUT_WR); // the phone closes: the reader must end by itself
     if (!st.thread->wait(10000))
         abort();
     stream_join(&st);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     QCoreApplication::sendPostedEvents();
 
-    long frames = 0, rotations = 0;
-    expected(data, size, &frames, &rotations);
-    if (long(stream_frame_counter() - frames_before) != frames)
-        abort();
-    if (sink->rotations.load() - rotations_before != rotations)
+    long frames, turns;
+    expected(data, size, &frames, &turns);
+    if (long(stream_frame_counter() - frames_before) != frames || rotations.count - rotations_before != turns)
         abort();
     close(fds[0]);
     close(fds[1]);
