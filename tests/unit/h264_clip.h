@@ -1,89 +1,60 @@
-// Test clips: a real H.264 stream encoded by the ffmpeg command-line tool (libx264, baseline-like
-// settings a phone would send: no B-frames, headers repeated, an access unit delimiter on every
-// frame), split into Annex-B access units, one per frame, start codes included.
+// Test media through the ffmpeg command-line tool: real H.264 clips as a phone sends them (libx264,
+// no B-frames, headers repeated, an access unit delimiter per frame), and PNG snapshots read back.
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-namespace h264_clip_detail {
-
-inline std::vector<uint8_t> read_file(const std::string& path)
+inline std::vector<uint8_t> read_whole_file(const std::string& path)
 {
-    std::vector<uint8_t> data;
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f)
-        return data;
-    uint8_t chunk[65536];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0)
-        data.insert(data.end(), chunk, chunk + n);
-    std::fclose(f);
-    return data;
+    std::ifstream f(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
-// Splits at every access unit delimiter (NAL type 9). The zero byte of a four-byte start code
-// belongs to the unit it starts, not to the end of the previous one.
-inline std::vector<std::vector<uint8_t>> split_access_units(const std::vector<uint8_t>& s)
+// Runs ffmpeg with `args` writing to a fresh file and returns that file's bytes (none on failure).
+inline std::vector<uint8_t> run_ffmpeg(const std::string& args)
 {
-    std::vector<size_t> starts;
-    for (size_t i = 0; i + 3 < s.size(); ++i) {
-        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1) {
-            if ((s[i + 3] & 0x1f) == 9)
-                starts.push_back(i > 0 && s[i - 1] == 0 ? i - 1 : i);
-            i += 2;
-        }
-    }
-    std::vector<std::vector<uint8_t>> units;
-    for (size_t k = 0; k < starts.size(); ++k) {
-        size_t end = k + 1 < starts.size() ? starts[k + 1] : s.size();
-        units.emplace_back(s.begin() + starts[k], s.begin() + end);
-    }
-    return units;
-}
-
-} // namespace h264_clip_detail
-
-// `source` is an ffmpeg lavfi source name with optional options, e.g. "testsrc2", "smptebars" or
-// "color=c=red"; size and rate are appended. Throws when ffmpeg is missing or fails.
-inline std::vector<std::vector<uint8_t>> make_h264_clip(int w, int h, int frames, int fps,
-                                                        const char* source = "testsrc2")
-{
-    char dir[] = "/tmp/orvane-clip-XXXXXX";
-    if (!mkdtemp(dir))
-        throw std::runtime_error("make_h264_clip: cannot create a temporary directory");
-    const std::string out = std::string(dir) + "/clip.h264";
-    const std::string err = std::string(dir) + "/ffmpeg.err";
-    std::string src = source;
-    src += (src.find('=') == std::string::npos ? "=" : ":");
-    src += "size=" + std::to_string(w) + "x" + std::to_string(h) + ":rate=" + std::to_string(fps);
-    const std::string cmd = "ffmpeg -nostdin -v error -y -f lavfi -i '" + src + "' -frames:v " +
-                            std::to_string(frames) +
-                            " -pix_fmt yuv420p -c:v libx264 -preset ultrafast -tune zerolatency -bf 0"
-                            " -x264-params aud=1:repeat-headers=1 -f h264 '" +
-                            out + "' 2>'" + err + "'";
-    int rc = std::system(cmd.c_str());
-    std::vector<uint8_t> stream = h264_clip_detail::read_file(out);
-    std::vector<uint8_t> errors = h264_clip_detail::read_file(err);
+    static int serial = 0;
+    const std::string out = "/tmp/orvane-ffmpeg-" + std::to_string(getpid()) + "-" + std::to_string(++serial);
+    const int rc = std::system(("ffmpeg -nostdin -v error -y " + args + " '" + out + "'").c_str());
+    std::vector<uint8_t> data = read_whole_file(out);
     unlink(out.c_str());
-    unlink(err.c_str());
-    rmdir(dir);
-    if (rc == -1 || !WIFEXITED(rc) || WEXITSTATUS(rc) != 0 || stream.empty()) {
-        std::string why(errors.begin(), errors.end());
-        if (WIFEXITED(rc) && WEXITSTATUS(rc) == 127)
-            why = "ffmpeg not found on PATH (install the ffmpeg package)";
-        throw std::runtime_error("make_h264_clip: ffmpeg failed (" + cmd + "): " + why);
-    }
-    auto units = h264_clip_detail::split_access_units(stream);
+    return rc == 0 ? data : std::vector<uint8_t>();
+}
+
+// One Annex-B access unit per frame of an ffmpeg lavfi source ("testsrc2", "color=c=red").
+inline std::vector<std::vector<uint8_t>> make_h264_clip(int w, int h, int frames, int fps,
+                                                        const std::string& source = "testsrc2")
+{
+    const std::vector<uint8_t> s =
+        run_ffmpeg("-f lavfi -i '" + source + "' -frames:v " + std::to_string(frames) + " -s " +
+                   std::to_string(w) + "x" + std::to_string(h) + " -r " + std::to_string(fps) +
+                   " -pix_fmt yuv420p -c:v libx264 -preset ultrafast -tune zerolatency -bf 0"
+                   " -x264-params aud=1:repeat-headers=1 -f h264");
+    // Units start at each delimiter (NAL type 9), with the leading zero of a four-byte start code.
+    std::vector<size_t> starts;
+    for (size_t i = 0; i + 3 < s.size(); ++i)
+        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1 && (s[i + 3] & 0x1f) == 9)
+            starts.push_back(i > 0 && s[i - 1] == 0 ? i - 1 : i);
+    starts.push_back(s.size());
+    std::vector<std::vector<uint8_t>> units;
+    for (size_t k = 0; k + 1 < starts.size(); ++k)
+        units.emplace_back(s.begin() + starts[k], s.begin() + starts[k + 1]);
     if (static_cast<int>(units.size()) != frames)
-        throw std::runtime_error("make_h264_clip: expected " + std::to_string(frames) +
-                                 " access units, got " + std::to_string(units.size()));
+        throw std::runtime_error("ffmpeg with libx264 gave " + std::to_string(units.size()) +
+                                 " frames, not " + std::to_string(frames));
     return units;
+}
+
+// A PNG's pixels as RGB24 rows; none when it cannot be read (not written yet).
+inline std::vector<uint8_t> png_rgb24(const std::string& path)
+{
+    return access(path.c_str(), R_OK) == 0 ? run_ffmpeg("-i '" + path + "' -f rawvideo -pix_fmt rgb24")
+                                           : std::vector<uint8_t>();
 }
