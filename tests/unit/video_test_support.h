@@ -21,8 +21,7 @@
 
 namespace video_test {
 
-// Also gives the process its own codec lock file, so that test binaries run side by side (or a
-// daemon on the machine) do not take the emulated codec from each other.
+// Also gives the process its own codec lock, so that other tests and daemons cannot make it busy.
 inline QCoreApplication* app()
 {
     static int argc = 1;
@@ -52,34 +51,25 @@ private:
     std::string text_;
 };
 
-// The application events 2025..2028, each with the thread it was delivered on.
+// The application events 2025..2028 with the thread each was delivered on; read them once the
+// stream thread is joined and the posted ones are delivered.
 class EventRecorder : public QObject
 {
 public:
     EventRecorder() { app()->installEventFilter(this); }
     ~EventRecorder() override { app()->removeEventFilter(this); }
-    // Read only after the stream thread that sends events has been joined.
     bool eventFilter(QObject*, QEvent* event) override
     {
         const int type = event->type();
         if (type >= 2025 && type <= 2028)
-            seen_.push_back({type, QThread::currentThread()});
+            seen.push_back({type, QThread::currentThread()});
         return type >= 2025 && type <= 2028;
     }
-    // Delivers what was posted so far (the stream-stopped event) first.
-    std::vector<std::pair<int, QThread*>> take()
+    long count(int type) const
     {
-        QCoreApplication::sendPostedEvents();
-        return seen_;
-    }
-    long count(int type)
-    {
-        const auto seen = take();
         return std::count_if(seen.begin(), seen.end(), [type](const auto& s) { return s.first == type; });
     }
-
-private:
-    std::vector<std::pair<int, QThread*>> seen_;
+    std::vector<std::pair<int, QThread*>> seen;
 };
 
 inline std::vector<uint8_t> be(uint64_t v, int bytes)
@@ -127,8 +117,7 @@ inline std::vector<std::pair<unsigned long long, std::string>> read_framelog(con
     return out;
 }
 
-// The host display, headless, with this screen size and vsync rate, and its picture log (and
-// snapshot) at fresh paths. Read when the fb opens.
+// The host display as the next fb open sees it: headless, this size and rate, logs at fresh paths.
 struct HostScreenEnv {
     const std::string framelog, snapshot;
     HostScreenEnv(const char* fb, const char* hz, bool with_snapshot = false)
@@ -160,8 +149,7 @@ inline const std::vector<std::vector<uint8_t>>& clip(int frames = 30, const std:
     return units;
 }
 
-// The screen, the video buffer and the decoder, wired as the service wires them; the codec lock is
-// left to the stream thread.
+// The screen, the video buffer and the decoder, wired as the service wires them.
 struct VideoRig {
     screen scr;
     video_buffer buffer{};
@@ -183,7 +171,6 @@ struct VideoRig {
         screen_close(&scr);
     }
     bool mapped() const { return buffer.mapped_address != VIDEO_BUFFER_UNMAPPED; }
-    // What the stream reader does with one received frame.
     int render(const std::vector<uint8_t>& unit)
     {
         std::copy(unit.begin(), unit.end(), buffer.mapped_address);
