@@ -1,5 +1,4 @@
-"""Installation and the Debian package: what `cmake --install` lays out, and the packaged daemon
-started by D-Bus activation when an HMI calls it."""
+"""What `cmake --install` lays out, and the Debian package's daemon started by D-Bus activation."""
 
 import configparser
 import glob
@@ -50,27 +49,21 @@ class Packaging(unittest.TestCase):
             self.assertLessEqual(float(unit['TimeoutStopSec'].rstrip('s')), 5)
 
     def test_package_installs_and_its_daemon_starts_by_activation(self):
-        if os.geteuid() != 0 or not shutil.which('cpack') or not shutil.which('dpkg'):
-            self.skipTest('installing the package needs root, cpack and dpkg')
-        if run(['dpkg-query', '-W', 'orvane'])[0] == 0:
-            self.skipTest('package orvane is already installed on this machine; not touching it')
+        if os.geteuid() != 0 or not shutil.which('cpack') or run(['dpkg-query', '-W', 'orvane'])[0] == 0:
+            self.skipTest('needs root and cpack, and the package orvane not installed already')
         rc, out = run(['cpack', '-G', 'DEB', '--config', harness.BUILD_DIR + '/CPackConfig.cmake', '-B', self.tmp.path])
         self.assertEqual(rc, 0, out)
         [deb] = glob.glob(self.tmp.file('orvane_*.deb'))
-        depends = run(['dpkg-deb', '-f', deb, 'Depends'])[1]
-        self.assertTrue(all(dep in depends for dep in ('dbus', 'avahi-daemon', 'libqt5dbus5')), depends)
         self.addCleanup(run, ['dpkg', '-r', 'orvane'])
         rc, out = run(['dpkg', '-i', deb])
         self.assertEqual(rc, 0, out)
-        self.assertTrue(all(os.path.exists('/usr/' + path) for path in ('bin/orvanectl', UNIT, ACTIVATION)))
 
         # A session bus that activates from the installed services, passing a hermetic environment on.
-        conf, console = self.tmp.file('session.conf'), self.tmp.file('console')
+        conf = self.tmp.file('session.conf')
         with open(harness.SESSION_CONF) as f, open(conf, 'w') as out:
             out.write(f.read().replace('</busconfig>', '<servicedir>/usr/share/dbus-1/services</servicedir></busconfig>'))
-        env = dict(os.environ, ORVANE_CONSOLE=console, **harness.Daemon.default_env(self.tmp.path))
-        env.pop('DBUS_SESSION_BUS_ADDRESS', None)
-        bus = harness.PrivateBus(conf, env)
+        env = dict(os.environ, ORVANE_CONSOLE=self.tmp.file('console'), **harness.Daemon.default_env(self.tmp.path))
+        bus = harness.PrivateBus(conf, {k: v for k, v in env.items() if k != 'DBUS_SESSION_BUS_ADDRESS'})
         self.addCleanup(bus.close)
         # Nobody owns the name until this call activates the installed daemon; then it answers.
         self.assertEqual(harness.request_link_status(bus, harness.LINK_USB, 6)[:2], (0, ''))
@@ -79,7 +72,6 @@ class Packaging(unittest.TestCase):
         self.assertEqual(rc, 0, err)
         pid = int(out.split()[-1])
         self.assertEqual(os.readlink('/proc/%d/exe' % pid), '/usr/bin/orvaned')
-        self.assertIn(harness.READY_LINE, harness.read_text(console))
         os.kill(pid, signal.SIGKILL)
         harness.wait_until(lambda: harness.end_orphans(0.1) is not None and not os.path.exists('/proc/%d' % pid),
                            10, 'the activated daemon to end')
