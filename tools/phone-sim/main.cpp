@@ -106,20 +106,29 @@ void track(int fd)
         shutdown(fd, SHUT_RDWR);
 }
 
+// Ends a connection without releasing its descriptor: a reader thread may still be blocked on it,
+// and the descriptor is closed only after that thread has been joined.
+void end_fd(int fd, bool reset = false)
+{
+    if (fd < 0)
+        return;
+    if (reset) {
+        linger lg{1, 0}; // abortive close: the peer sees a reset, not an orderly end
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+        // A reader still blocked on the socket keeps it alive past close(), and the reset would
+        // wait for it; ending the receiving side wakes it without sending anything.
+        shutdown(fd, SHUT_RD);
+    } else {
+        shutdown(fd, SHUT_RDWR);
+    }
+}
+
 void close_fd(int* fd, bool reset = false)
 {
     if (*fd < 0)
         return;
     std::lock_guard<std::mutex> lock(g_fds_mutex);
-    if (reset) {
-        linger lg{1, 0}; // abortive close: the peer sees a reset, not an orderly end
-        setsockopt(*fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-        // A reader still blocked on the socket keeps it alive past close(), and the reset would
-        // wait for it; ending the receiving side wakes it without sending anything.
-        shutdown(*fd, SHUT_RD);
-    } else {
-        shutdown(*fd, SHUT_RDWR);
-    }
+    end_fd(*fd, reset);
     for (auto it = g_fds.begin(); it != g_fds.end(); ++it) {
         if (*it == *fd) {
             g_fds.erase(it);
@@ -359,6 +368,8 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
 
     std::thread back(video_back_reader, *video, &peer_gone, &sent);
     std::thread ctl;
+    bool control_ended = false;
+    bool reset = false;
     if (*control >= 0)
         ctl = std::thread(control_reader, *control, cfg.control_log);
 
@@ -396,14 +407,15 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
                 const std::vector<uint8_t> msg = ev.kind == sim::EventKind::Clipboard
                                                      ? sim::encode_clipboard(ev.text)
                                                      : sim::encode_notify();
-                const bool ok = *control >= 0 && send_all(*control, msg.data(), msg.size());
+                const bool ok = *control >= 0 && !control_ended && send_all(*control, msg.data(), msg.size());
                 logf("%s at frame %u %s", ev.kind == sim::EventKind::Clipboard ? "clipboard" : "notify", n,
                      ok ? "sent" : "not sent");
                 break;
             }
             case sim::EventKind::CloseControl:
                 logf("closing the control connection at frame %u", n);
-                close_fd(control);
+                end_fd(*control);
+                control_ended = true;
                 break;
             case sim::EventKind::Eos:
                 sim::encode_packet_header(header, uint64_t(n) * 1000000 / unsigned(cfg.fps), 0);
@@ -415,8 +427,9 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
             case sim::EventKind::Close:
             case sim::EventKind::Reset:
                 logf("%s at frame %u", ev.kind == sim::EventKind::Close ? "closing" : "resetting", n);
-                close_fd(video, ev.kind == sim::EventKind::Reset);
-                close_fd(control, ev.kind == sim::EventKind::Reset);
+                reset = ev.kind == sim::EventKind::Reset;
+                end_fd(*video, reset);
+                end_fd(*control, reset);
                 end = End::Closed;
                 finished = true;
                 break;
@@ -472,14 +485,17 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
         }
     }
 
-    // Wake the readers and collect them before the descriptors go away.
-    if (*video >= 0)
-        shutdown(*video, SHUT_RDWR);
-    if (*control >= 0)
-        shutdown(*control, SHUT_RDWR);
+    // Wake the readers and collect them before the descriptors go away (a reset must not be
+    // preceded by an orderly end, so it only ends the receiving side).
+    end_fd(*video, reset);
+    end_fd(*control, reset);
     back.join();
     if (ctl.joinable())
         ctl.join();
+    if (end == End::Closed) {
+        close_fd(video, reset);
+        close_fd(control, reset);
+    }
     return end;
 }
 
