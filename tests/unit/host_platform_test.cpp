@@ -9,7 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
+#include <filesystem>
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -18,14 +19,9 @@ namespace {
 
 using namespace video_test;
 
-int entries(const char* dir)
+long entries(const char* dir)
 {
-    int n = 0;
-    DIR* d = opendir(dir);
-    while (readdir(d))
-        ++n;
-    closedir(d);
-    return n;
+    return std::distance(std::filesystem::directory_iterator(dir), std::filesystem::directory_iterator());
 }
 
 // A 1 MiB allocator area mapped through /dev/mem, as the video buffer gets it.
@@ -45,7 +41,7 @@ struct Area : video_buffer {
 
 TEST(HostAllocator, AreaIsTheSameMemoryThroughDevMemAndTheCodecViewUntilFreed)
 {
-    const int fds = entries("/proc/self/fd");
+    const long fds = entries("/proc/self/fd");
     {
         Area a, b;
         ASSERT_TRUE(a.mapped_address != VIDEO_BUFFER_UNMAPPED && b.mapped_address != VIDEO_BUFFER_UNMAPPED);
@@ -84,14 +80,11 @@ TEST(HostFaults, EachSwitchFailsItsStepAlone)
         MFCUnlock();
         return std::vector<bool>{shown, mapped, locked};
     };
-    const std::pair<const char*, std::vector<bool>> rows[] = {{"", {1, 1, 1}},
-                                                              {"fb-open", {0, 1, 1}},
-                                                              {"fb-info", {0, 1, 1}},
-                                                              {"memalloc-open", {1, 0, 1}},
-                                                              {"mem-open", {1, 0, 1}},
-                                                              {"mmap", {1, 0, 1}},
-                                                              {"memalloc-zero", {1, 0, 1}},
-                                                              {"codec-busy", {1, 1, 0}}};
+    // clang-format off
+    const std::pair<const char*, std::vector<bool>> rows[] = {
+        {"", {1, 1, 1}}, {"fb-open", {0, 1, 1}}, {"fb-info", {0, 1, 1}}, {"memalloc-open", {1, 0, 1}},
+        {"mem-open", {1, 0, 1}}, {"mmap", {1, 0, 1}}, {"memalloc-zero", {1, 0, 1}}, {"codec-busy", {1, 1, 0}}};
+    // clang-format on
     for (const auto& [fault, works] : rows) {
         setenv("ORVANE_HOST_FAULTS", fault, 1);
         EXPECT_EQ(steps(), works) << fault;
@@ -195,7 +188,7 @@ TEST(HostDisplay, VsyncClockLatchesAtTheNextTickAndClosingTheFbEndsEveryThreadIt
 {
     HostScreenEnv env("320x180", "100", true);
     Area area;
-    const int threads = entries("/proc/self/task");
+    const long threads = entries("/proc/self/task");
     // Headless; SDL with no usable video driver (falls back to the headless clock); SDL's dummy driver.
     for (const auto& [display, driver] :
          {std::pair{"headless", ""}, {"sdl", "orvane-no-such-driver"}, {"sdl", "dummy"}}) {
