@@ -121,6 +121,8 @@ void stream_join(stream* s)
     if (!s->thread)
         return;
     s->thread->wait();
+    // QThread::wait() synchronises through a futex ThreadSanitizer cannot see; this acquire pairs
+    // with the reader's last release store, so the hand-over is visible to it too.
     s->finished.load(std::memory_order_acquire);
     s->thread->deleteLater();
     s->thread = nullptr;
