@@ -166,6 +166,8 @@ bool command_wait(pid_t pid, int* exit_code)
 bool command_wait_within(pid_t pid, int* exit_code, int timeout_ms, bool* timed_out)
 {
     *timed_out = false;
+    if (timeout_ms < 0)
+        return command_wait(pid, exit_code);
     struct timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
     long pause_us = 1000;
@@ -226,18 +228,7 @@ bool command_check_exit_within(pid_t pid, const char* name, int timeout_ms)
 
 bool command_check_exit(pid_t pid, const char* name)
 {
-    if (pid == -1) {
-        printf("Could not execute \"%s\"\n", name);
-        return false;
-    }
-    int code;
-    if (command_wait(pid, &code))
-        return true;
-    if (code == -1)
-        printf("\"%s\" exited unexpectedly\n", name);
-    else
-        printf("\"%s\" returned with value %d\n", name, code);
-    return false;
+    return command_check_exit_within(pid, name, -1);
 }
 
 char* command_self_path()

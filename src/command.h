@@ -18,7 +18,7 @@ bool command_kill(pid_t pid);
 bool command_wait(pid_t pid, int* exit_code);
 bool command_check_exit(pid_t pid, const char* name);
 // Bounded forms: a child still running after timeout_ms is killed (SIGKILL), reaped and reported
-// as failed; *timed_out tells that case apart.
+// as failed; *timed_out tells that case apart. A negative timeout_ms waits without limit.
 bool command_wait_within(pid_t pid, int* exit_code, int timeout_ms, bool* timed_out);
 bool command_check_exit_within(pid_t pid, const char* name, int timeout_ms);
 char* command_self_path();

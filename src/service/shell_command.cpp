@@ -1,11 +1,10 @@
 #include "service/shell_command.h"
 
-#include <cerrno>
+#include "command.h"
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
-#include <sys/wait.h>
 #include <unistd.h>
 
 const char* shell_command_text(const char* env_name, const char* default_text)
@@ -30,25 +29,13 @@ int shell_command_run(const char* text, int timeout_ms)
     }
     setpgid(pid, pid);
 
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    for (;;) {
-        int status = 0;
-        const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid)
-            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        if (done < 0 && errno != EINTR)
-            return -1;
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const long elapsed_ms = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
-        if (elapsed_ms >= timeout_ms) {
-            printf("\"%s\" did not finish within %d ms, killed\n", text, timeout_ms);
-            kill(-pid, SIGKILL);
-            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-            }
-            return -1;
-        }
-        usleep(5000);
+    int code = -1;
+    bool timed_out = false;
+    command_wait_within(pid, &code, timeout_ms, &timed_out);
+    if (timed_out) {
+        printf("\"%s\" did not finish within %d ms, killed\n", text, timeout_ms);
+        // The shell is gone; what it started is still in its group.
+        kill(-pid, SIGKILL);
     }
+    return code;
 }
