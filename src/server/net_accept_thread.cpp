@@ -42,7 +42,9 @@ void NetAcceptThread::run()
             } else {
                 printf("mirroring use new client connection, old socket:%d, new socket:%d!\n", current,
                        client);
-                socket_close_guarded(&server->video_socket);
+                // The main thread reads the field at any time: close a copy, then swap in one store.
+                int old = current;
+                socket_close_guarded(&old);
                 __atomic_store_n(&server->video_socket, client, __ATOMIC_RELAXED);
                 app_post_event(EVENT_CLIENT_CONNECTED);
             }
