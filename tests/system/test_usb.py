@@ -118,7 +118,8 @@ class StartAndStop(UsbCase):
                      self.rig.ADB_KILL_TRACE, ' screen stoped']
             positions = [console.index(text) for text in order]
             self.assertEqual(positions, sorted(positions), order)
-            self.assertEqual(self.rig.sim_lines().count('end: terminated'), cycle + 1)
+            # The phone ended (by the SIGTERM, or first by the sockets the stop closed before it).
+            self.assertEqual(sum(line.startswith('end: ') for line in self.rig.sim_lines()), cycle + 1)
 
 
 class InputAndRepeats(UsbCase):
