@@ -2,7 +2,10 @@
 
 #include <QMutex>
 #include <QWaitCondition>
+#include <cerrno>
 #include <cstdio>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <cstring>
 
 #include "net/sock.h"
@@ -57,6 +60,15 @@ bool controller_init(Controller* ctrl, int control_socket)
     ctrl->condition = new QWaitCondition();
     ctrl->control_socket = control_socket;
     ctrl->stopped.store(false, std::memory_order_relaxed);
+    ctrl->send_stalled = false;
+    // Touches are sent on the main thread: a phone that stops reading must not hold it, and with
+    // it D-Bus and every stop request, once the connection's buffers are full.
+    if (control_socket != -1) {
+        const timeval timeout = {0, CONTROLLER_SEND_TIMEOUT_MS * 1000};
+        setsockopt(control_socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+        setsockopt(control_socket, SOL_SOCKET, SO_SNDBUF, &CONTROLLER_SEND_BUFFER,
+                   sizeof CONTROLLER_SEND_BUFFER);
+    }
     return true;
 }
 
@@ -77,9 +89,17 @@ bool controller_push_msg(Controller* ctrl, const ControlMessage* msg)
     const size_t len = control_message_serialize(msg, buf);
     if (len == 0)
         return false;
+    if (ctrl->send_stalled)
+        return false;
     // sock_send_all reports its last send's count, so a message that needed several sends is
     // counted as not sent.
-    return sock_send_all(ctrl->control_socket, buf, len) == static_cast<ssize_t>(len);
+    const ssize_t sent = sock_send_all(ctrl->control_socket, buf, len);
+    if (sent == -1 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        // The connection may now hold half a message; nothing more can be sent on it sensibly.
+        puts("Control connection blocked: the phone stopped reading, input dropped");
+        ctrl->send_stalled = true;
+    }
+    return sent == static_cast<ssize_t>(len);
 }
 
 void controller_stop(Controller* ctrl)

@@ -47,11 +47,18 @@ struct Controller {
     QMutex* mutex;
     QWaitCondition* condition;
     std::atomic<bool> stopped;
+    bool send_stalled; // the phone stopped reading: input is dropped until the next link
     ControlMessage queue[CONTROLLER_QUEUE_SLOTS];
     unsigned queue_write;
     unsigned queue_read;
     Receiver receiver;
 };
+
+// A send waits at most this long for room in the connection (twice, for a message split in two).
+constexpr int CONTROLLER_SEND_TIMEOUT_MS = 500;
+// Room for input the phone has not read yet: thousands of touches, and a bound on what a phone that
+// stopped reading can make the head unit hold.
+constexpr int CONTROLLER_SEND_BUFFER = 64 * 1024;
 
 bool controller_init(Controller* ctrl, int control_socket);
 bool controller_start(Controller* ctrl);

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -161,6 +163,33 @@ bool sock_shutdown(int sock, int how)
 bool sock_close(int sock)
 {
     return close(sock) == 0;
+}
+
+int64_t sock_monotonic_ms()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void sock_set_recv_timeout(int sock, int ms)
+{
+    timeval timeout = {ms / 1000, (ms % 1000) * 1000};
+    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+}
+
+void sock_set_liveness(int sock)
+{
+    // Idle for 5 s: probe every 2 s, give up after 3 unanswered probes (about 11 s). Data of ours
+    // left unacknowledged for 10 s ends the connection too. Both stay well inside
+    // SOCK_LIVENESS_MS.
+    const int on = 1, idle_s = 5, interval_s = 2, probes = 3;
+    const unsigned user_timeout_ms = 10000;
+    setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+    setsockopt(sock, IPPROTO_TCP, TCP_USER_TIMEOUT, &user_timeout_ms, sizeof user_timeout_ms);
 }
 
 size_t str_copy_limited(char* dst, const char* src, size_t n)

@@ -19,6 +19,15 @@ ssize_t sock_recv_all(int sock, void* buf, size_t len);
 ssize_t sock_send_all(int sock, const void* buf, size_t len);
 bool sock_shutdown(int sock, int how);
 bool sock_close(int sock);
+// Monotonic clock in milliseconds, for deadlines of waits on sockets.
+int64_t sock_monotonic_ms();
+// Receive time-out in milliseconds; 0 waits without end.
+void sock_set_recv_timeout(int sock, int ms);
+// TCP keepalive and a limit on unacknowledged data: a peer that vanishes without a word (out of
+// radio range, no FIN, no RST) ends the connection within SOCK_LIVENESS_MS, while a live peer
+// that merely has nothing to send keeps it for good.
+constexpr int SOCK_LIVENESS_MS = 15000;
+void sock_set_liveness(int sock);
 
 // String helpers of the same layer.
 size_t str_copy_limited(char* dst, const char* src, size_t n);

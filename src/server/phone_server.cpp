@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <cerrno>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "command.h"
@@ -137,7 +140,44 @@ bool phone_server_start(PhoneServer* server, const char* serial, const ServerPar
     return true;
 }
 
-static bool connect_forward(PhoneServer* server)
+// A server that ended (crashed at launch, refused its arguments) will never connect: it is reaped
+// here, its tunnel removed, and the start can fail at once instead of waiting out its time.
+static bool server_has_exited(PhoneServer* server)
+{
+    int status = 0;
+    if (server->process == -1 || waitpid(server->process, &status, WNOHANG) != server->process)
+        return false;
+    printf("Server exited before connecting (%s %d)\n", WIFSIGNALED(status) ? "signal" : "exit status",
+           WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
+    server->process = -1;
+    if (server->tunnel_enabled)
+        phone_server_disable_tunnel(server->serial, server->local_port, server->tunnel_forward);
+    server->tunnel_enabled = false;
+    return true;
+}
+
+// Waits until fd is readable (a connection to accept, the server's first byte) before deadline,
+// watching the server process meanwhile. The main thread, and with it D-Bus, waits here.
+static bool wait_for_server(PhoneServer* server, int fd, int64_t deadline)
+{
+    for (;;) {
+        if (server_has_exited(server))
+            return false;
+        const int64_t left = deadline - sock_monotonic_ms();
+        if (left <= 0) {
+            printf("Server did not connect within %d ms\n", PHONE_SERVER_CONNECT_MS);
+            return false;
+        }
+        pollfd pfd = {fd, POLLIN, 0};
+        const int ready = poll(&pfd, 1, static_cast<int>(left < 50 ? left : 50));
+        if (ready > 0)
+            return true;
+        if (ready < 0 && errno != EINTR)
+            return false;
+    }
+}
+
+static bool connect_forward(PhoneServer* server, int64_t deadline)
 {
     const int attempts = 100;
     for (int left = attempts; left > 0; --left) {
@@ -147,11 +187,16 @@ static bool connect_forward(PhoneServer* server)
             // adb accepts the tunnel connection even when nothing listens on the phone; only the
             // server's first byte proves that the server itself is there.
             char byte;
-            if (sock_recv(s, &byte, 1) == 1) {
+            const bool ready = wait_for_server(server, s, deadline);
+            if (ready && sock_recv(s, &byte, 1) == 1) {
                 store_fd(&server->video_socket, s);
                 return true;
             }
             sock_close(s);
+            if (!ready)
+                break;
+        } else if (server_has_exited(server)) {
+            break;
         }
         usleep(100000);
     }
@@ -161,19 +206,20 @@ static bool connect_forward(PhoneServer* server)
 
 bool phone_server_connect(PhoneServer* server)
 {
+    const int64_t deadline = sock_monotonic_ms() + PHONE_SERVER_CONNECT_MS;
     if (!server->tunnel_forward) {
         const int listener = load_fd(&server->server_socket);
-        const int video = sock_accept(listener);
+        const int video = wait_for_server(server, listener, deadline) ? sock_accept(listener) : -1;
         store_fd(&server->video_socket, video);
         if (video == -1)
             return false;
-        server->control_socket = sock_accept(listener);
+        server->control_socket = wait_for_server(server, listener, deadline) ? sock_accept(listener) : -1;
         if (server->control_socket == -1)
             return false;
         // Two connections are all the server makes; nobody else gets in.
         socket_close_guarded(&server->server_socket);
     } else {
-        if (!connect_forward(server))
+        if (!connect_forward(server, deadline))
             return false;
         server->control_socket = sock_connect(SOCK_ADDR_LOOPBACK, server->local_port);
         if (server->control_socket == -1)

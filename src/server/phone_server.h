@@ -13,6 +13,8 @@ constexpr const char* PHONE_SERVER_JAR_LOCAL = "/qvoprofile/qvoalink-server.jar"
 constexpr const char* PHONE_SERVER_JAR_REMOTE = "/data/local/tmp/qvoalink-server.jar";
 constexpr const char* PHONE_SERVER_SOCKET_NAME = "androidlink";
 constexpr const char* PHONE_SERVER_CLASS = "com.qvo.alink.Server";
+// How long the launched server has to make (reverse) or answer (forward) both connections.
+constexpr int PHONE_SERVER_CONNECT_MS = 12000;
 
 struct PhoneServer {
     char* serial;                   // owned heap copy, null for the single attached device

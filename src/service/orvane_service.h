@@ -74,6 +74,7 @@ public:
     bool startController();
     bool setShowTouches(bool on);
     bool startServerForWifi();
+    void stopRetryTimer();
 
     // Link state, public so that tests and the input path can read it.
     bool connected;

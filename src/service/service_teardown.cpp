@@ -4,10 +4,14 @@
 #include <QTimerEvent>
 #include <cstdio>
 #include <cstring>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "net/sock.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 #include "service/shell_command.h"
@@ -16,11 +20,15 @@
 
 namespace {
 constexpr int WIFI_RETRY_MS = 3000;
-}
+constexpr int WIFI_HEADER_TIMEOUT_MS = 10000;
+} // namespace
 
 void OrvaneService::exitLink()
 {
     logLine() << "exit Mirror link!" << connected << serverStarted;
+
+    // A grace period belongs to the link that started it: left running, it would end the next one.
+    stopRetryTimer();
 
     // The announcement goes first, so no phone finds a server that is about to close.
     if (dnssdRef != nullptr) {
@@ -65,10 +73,31 @@ void OrvaneService::exitLink()
         shell_command_run(shell_command_text(ENV_ADB_KILL_COMMAND, SHELL_ADB_KILL), SHELL_COMMAND_TIMEOUT_MS);
     logLine() << "exitLink"
               << " screen stoped";
+    // Every worker of this link has been joined: what it posted and is still queued is stale now.
+    app_end_link();
+#ifdef __GLIBC__
+    // The decoder's and the threads' memory was freed with the link; hand it back to the system so
+    // that hundreds of links do not leave the daemon holding it.
+    malloc_trim(0);
+#endif
+}
+
+void OrvaneService::stopRetryTimer()
+{
+    if (retryTimerId != 0) {
+        killTimer(retryTimerId);
+        retryTimerId = 0;
+    }
 }
 
 bool OrvaneService::eventFilter(QObject* watched, QEvent* event)
 {
+    if (app_event_is_stale(event)) {
+        // Posted by a worker of a link that has been torn down since (a phone that connected just
+        // before a stop): it must not touch whatever runs now.
+        printf("event %d of an ended link ignored\n", static_cast<int>(event->type()));
+        return true;
+    }
     switch (static_cast<int>(event->type())) {
     case EVENT_UPDATE_FRAME:
         return true;
@@ -80,7 +109,9 @@ bool OrvaneService::eventFilter(QObject* watched, QEvent* event)
         }
         // Give the phone a moment to come back on the same announcement before the link ends.
         connected = false;
-        retryTimerId = startTimer(WIFI_RETRY_MS);
+        // One grace period at a time, timed to the millisecond rather than Qt's coarse 5 %.
+        stopRetryTimer();
+        retryTimerId = startTimer(WIFI_RETRY_MS, Qt::PreciseTimer);
         return wifiMode;
     case EVENT_FRAME_SIZE_CHANGED:
         // Runs on the sending thread (stream reader or receiver): it touches only the layer.
@@ -100,8 +131,7 @@ void OrvaneService::timerEvent(QTimerEvent* event)
 {
     if (event->timerId() != retryTimerId)
         return;
-    killTimer(retryTimerId);
-    retryTimerId = 0;
+    stopRetryTimer();
     if (wifiMode && !connected) {
         puts("wait client retry connect timeout, exit link!");
         exitLink();
@@ -110,10 +140,7 @@ void OrvaneService::timerEvent(QTimerEvent* event)
 
 void OrvaneService::reconnectStream()
 {
-    if (retryTimerId != 0) {
-        killTimer(retryTimerId);
-        retryTimerId = 0;
-    }
+    stopRetryTimer();
     connected = true;
 
     char name[128];
@@ -124,10 +151,9 @@ void OrvaneService::reconnectStream()
     const int sock = __atomic_load_n(&server.video_socket, __ATOMIC_RELAXED);
     if (sock != -1) {
         // A phone that connects and then sends nothing must not hold the main thread for long.
-        struct timeval recv_timeout = {10, 0};
         struct timeval send_timeout = {5, 0};
         int nodelay = 1;
-        setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &recv_timeout, sizeof recv_timeout);
+        sock_set_recv_timeout(sock, WIFI_HEADER_TIMEOUT_MS);
         setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
         setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
 
@@ -143,7 +169,11 @@ void OrvaneService::reconnectStream()
             emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
             return;
         }
-        logLine() << "read device info:" << name[4] << size[0] << size[1];
+        logLine() << "read device info:" << console_char(name[4]) << size[0] << size[1];
+        // The 10 s limit was for the header. A phone on a still screen sends nothing for as long as
+        // it likes; a phone that is gone is found by TCP itself.
+        sock_set_recv_timeout(sock, 0);
+        sock_set_liveness(sock);
     }
 
     if (videoBufferReady) {

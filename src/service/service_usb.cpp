@@ -3,11 +3,16 @@
 #include <cstring>
 
 #include "command.h"
+#include "net/sock.h"
 #include "server/adb.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 #include "service/shell_command.h"
 #include "video/device_info.h"
+
+namespace {
+constexpr int USB_DEVICE_INFO_TIMEOUT_MS = 3000;
+}
 
 void OrvaneService::startLink()
 {
@@ -53,12 +58,17 @@ void OrvaneService::startLink()
     size[0] = 1280;
     size[1] = 720;
     if (server.video_socket != -1) {
-        if (!device_read_info(server.video_socket, name, size)) {
+        // A server that connects and then says nothing must not hold the main thread: the record
+        // gets a few seconds, the stream after it as long as the phone likes.
+        sock_set_recv_timeout(server.video_socket, USB_DEVICE_INFO_TIMEOUT_MS);
+        const bool read = device_read_info(server.video_socket, name, size);
+        sock_set_recv_timeout(server.video_socket, 0);
+        if (!read) {
             failure = "device_read_info failed!";
             goto fail;
         }
         // The phone's own size is only reported; the buffers keep the configured size.
-        logLine() << "read device info:" << static_cast<const char*>(name) << size[0] << size[1];
+        logLine() << "read device info:" << console_text(name) << size[0] << size[1];
     }
 
     setDecoderBuffers();

@@ -1,5 +1,7 @@
 #include "video/app_events.h"
 
+#include <atomic>
+
 #include <QCoreApplication>
 #include <cstdlib>
 
@@ -17,12 +19,31 @@ QUpdateFrameEvent::~QUpdateFrameEvent()
     }
 }
 
+namespace {
+std::atomic<uint32_t> g_link{1};
+}
+
+uint32_t app_current_link()
+{
+    return g_link.load(std::memory_order_relaxed);
+}
+
+void app_end_link()
+{
+    g_link.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool app_event_is_stale(const QEvent* event)
+{
+    const LinkEvent* link_event = dynamic_cast<const LinkEvent*>(event);
+    return link_event != nullptr && link_event->link != app_current_link();
+}
+
 void app_post_event(int type)
 {
     // The event loop takes ownership of a posted event and deletes it after delivery.
     if (QCoreApplication::instance())
-        QCoreApplication::postEvent(QCoreApplication::instance(),
-                                    new QEvent(static_cast<QEvent::Type>(type)));
+        QCoreApplication::postEvent(QCoreApplication::instance(), new LinkEvent(type, app_current_link()));
 }
 
 void app_send_event(int type)

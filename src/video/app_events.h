@@ -27,7 +27,23 @@ private:
     uint32_t size_;
 };
 
-// Posts a plain event of the given type to the application object, if there is one.
+// A posted event, marked with the link it belongs to: it may be handled after that link has been
+// torn down, and must then act on nothing.
+class LinkEvent : public QEvent
+{
+public:
+    LinkEvent(int type, uint32_t link) : QEvent(static_cast<QEvent::Type>(type)), link(link) {}
+    const uint32_t link;
+};
+
+// Posts a LinkEvent of the given type, marked with the current link, to the application object,
+// if there is one.
 void app_post_event(int type);
+// The current link's number, and the end of that link: events posted before app_end_link() are
+// stale afterwards. Only the main thread ends links.
+uint32_t app_current_link();
+void app_end_link();
+// Whether a posted event belongs to a link that has since been torn down.
+bool app_event_is_stale(const QEvent* event);
 // Sends a plain event of the given type synchronously to the application object, if there is one.
 void app_send_event(int type);

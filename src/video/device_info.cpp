@@ -1,7 +1,12 @@
 #include "video/device_info.h"
 
 #include <cstdio>
+#include <cerrno>
 #include <cstring>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 
 #include "net/sock.h"
 
@@ -16,12 +21,53 @@ void device_info_parse(const uint8_t* record, char* name, int* size)
     size[1] = record[66] * 256 + record[67];
 }
 
+namespace {
+
+// The socket's receive time-out bounds the whole record, not each piece of it: a phone that
+// dribbles a byte at a time must not stretch the wait. 0 (no time-out) waits without end.
+int64_t record_deadline(int socket)
+{
+    timeval timeout = {0, 0};
+    socklen_t size = sizeof timeout;
+    if (getsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, &size) != 0 ||
+        (timeout.tv_sec == 0 && timeout.tv_usec == 0))
+        return -1;
+    return sock_monotonic_ms() + int64_t(timeout.tv_sec) * 1000 + timeout.tv_usec / 1000;
+}
+
+// Exactly len bytes, or false: unlike the stream's reads, a record cut short by the phone closing
+// must not pass for a whole one.
+bool recv_record(int socket, uint8_t* record, size_t len)
+{
+    const int64_t deadline = record_deadline(socket);
+    size_t got = 0;
+    while (got < len) {
+        if (deadline >= 0) {
+            const int64_t left = deadline - sock_monotonic_ms();
+            pollfd pfd = {socket, POLLIN, 0};
+            const int ready = left > 0 ? poll(&pfd, 1, static_cast<int>(left)) : 0;
+            if (ready < 0 && errno == EINTR)
+                continue;
+            if (ready <= 0)
+                return false;
+        }
+        const ssize_t r = recv(socket, record + got, len - got, 0);
+        if (r > 0)
+            got += static_cast<size_t>(r);
+        else if (r == 0 || (errno != EINTR && errno != EAGAIN))
+            return false;
+        else if (errno == EAGAIN && deadline >= 0 && sock_monotonic_ms() >= deadline)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
 bool device_read_info(int socket, char* name, int* size)
 {
-    // Zeroed: the socket layer counts a short final read as complete, so the tail of the record
-    // may never be written.
-    uint8_t record[DEVICE_INFO_SIZE] = {};
-    if (sock_recv_all(socket, record, DEVICE_INFO_SIZE) < DEVICE_INFO_SIZE) {
+    uint8_t record[DEVICE_INFO_SIZE];
+    if (!recv_record(socket, record, DEVICE_INFO_SIZE)) {
         std::puts("Could not retrieve device information");
         return false;
     }

@@ -123,6 +123,14 @@ bool screen_reset_layout(screen* s, int width, int height)
         // The layer wants sizes in multiples of 4.
         s->display_width = static_cast<int>(scale * static_cast<float>(width)) & ~3;
         s->display_height = static_cast<int>(scale * static_cast<float>(height)) & ~3;
+        // A sliver of a picture (16x4096 on 800x480) would round to a layer 0 pixels wide, which
+        // the display cannot take: keep the smallest layer it can show.
+        if (s->display_width < SCREEN_MIN_LAYER || s->display_height < SCREEN_MIN_LAYER) {
+            std::printf("picture %dx%d too thin for the screen, layer kept at least %d pixels\n", width,
+                        height, SCREEN_MIN_LAYER);
+            s->display_width = s->display_width < SCREEN_MIN_LAYER ? SCREEN_MIN_LAYER : s->display_width;
+            s->display_height = s->display_height < SCREEN_MIN_LAYER ? SCREEN_MIN_LAYER : s->display_height;
+        }
         s->x = (s->screen_width - s->display_width) >> 1;
         s->y = (s->screen_height - s->display_height) >> 1;
     }

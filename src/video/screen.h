@@ -40,5 +40,7 @@ uint32_t get_time_ms();
 constexpr uint32_t SCREEN_MIN_FRAME_MS = 17;
 // Vsyncs waited for, at most, for the previous picture to be latched before the next decode.
 constexpr int SCREEN_MAX_VSYNC_WAITS = 3;
+// The smallest layer side the display takes (its sizes go in steps of 4).
+constexpr int SCREEN_MIN_LAYER = 4;
 // The frame-rate cap: true when a picture at `now` may be shown after one shown at `last`.
 bool screen_frame_due(uint32_t now, uint32_t last);

@@ -1,5 +1,6 @@
 // orvanectl: talks to the mirror daemon over the session bus the way the head unit's HMI does.
 #include <QCoreApplication>
+#include <QPoint>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusError>
@@ -41,6 +42,7 @@ const char USAGE[] =
     "  stop [usb|wifi]             stop the link (default usb)\n"
     "  key home|back|menu          send a key\n"
     "  touch press|move|release X Y  send a touch at X Y on the displayed picture\n"
+    "  drag X1 Y1 X2 Y2 STEPS      press at X1 Y1, STEPS moves along the line, release at X2 Y2\n"
     "  monitor                     print every status change as 'type status meaning' until\n"
     "                              interrupted (works before the daemon is up)\n"
     "\n"
@@ -300,6 +302,8 @@ int main(int argc, char** argv)
     QList<QVariant> callArgs;
     const char* callName = nullptr;
     int startType = 0;
+    QPoint dragFrom, dragTo;
+    int dragSteps = 0;
     if (command == "start" && args.size() == 2) {
         startType = link_type(args, 1, false);
         if (startType < 0)
@@ -326,6 +330,14 @@ int main(int argc, char** argv)
             return usage();
         callName = "requestTouchAction";
         callArgs = {static_cast<uint>(action), x, y};
+    } else if (command == "drag" && args.size() == 6) {
+        uint v[5];
+        for (int i = 0; i < 5; ++i)
+            if (!parse_coordinate(args[i + 1], &v[i]))
+                return usage();
+        dragFrom = QPoint(int(v[0]), int(v[1]));
+        dragTo = QPoint(int(v[2]), int(v[3]));
+        dragSteps = int(qMin(v[4], 100000u));
     } else if (command != "monitor" || args.size() != 1) {
         return usage();
     }
@@ -342,6 +354,17 @@ int main(int argc, char** argv)
         return no_daemon();
     if (startType != 0)
         return run_start(bus, startType, waitStream, timeoutSeconds);
+    if (command == "drag") {
+        // One call after the other, as a finger on the HMI's screen would produce them.
+        int rc = EXIT_OK;
+        for (int i = 0; i <= dragSteps + 1 && rc == EXIT_OK; ++i) {
+            const int step = qMin(i, dragSteps);
+            const QPoint at = dragFrom + (dragTo - dragFrom) * step / qMax(dragSteps, 1);
+            const uint action = i == 0 ? 1 : i > dragSteps ? 3 : 2;
+            rc = run_call(bus, "requestTouchAction", {action, uint(at.x()), uint(at.y())}, timeoutSeconds);
+        }
+        return rc;
+    }
     return run_call(bus, callName, callArgs, timeoutSeconds);
 }
 

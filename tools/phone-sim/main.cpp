@@ -68,7 +68,12 @@ const char kUsage[] =
     "  PHONE_SIM_LOG          progress log: connections, frames, acks, end reason\n"
     "  PHONE_SIM_CONTROL_LOG  one JSON line per control message received (with \"t_ns\")\n"
     "  PHONE_SIM_EVENTS       comma list: rotate@N eos@N close@N reset@N stall@N oversize@N\n"
-    "                         garbage@N close-control@N clipboard:TEXT@N notify@N short-info frames=N\n";
+    "                         garbage@N close-control@N clipboard:TEXT@N notify@N short-info frames=N\n"
+    "                         idle:SECONDS@N (a still screen: nothing sent for SECONDS, then on)\n"
+    "                         info-bytes=N (only N bytes of the device information, then silence)\n"
+    "                         ignore-control (never read the control connection)\n"
+    "                         exit-at-launch | never-connect | video-only | no-hello (forward mode:\n"
+    "                         no first byte): a server that misbehaves before it streams\n";
 
 std::atomic<bool> g_stop{false};
 std::mutex g_fds_mutex;
@@ -347,6 +352,26 @@ End idle(const std::atomic<bool>& peer_gone, const char* why)
     return g_stop ? End::Terminated : End::PeerGone;
 }
 
+// Sends nothing more and waits for the head unit to give up on the connection.
+End wait_for_close(int video, const char* what)
+{
+    const int64_t start = monotonic_ns();
+    logf("%s: sending nothing", what);
+    uint8_t buf[64];
+    for (;;) {
+        const ssize_t n = recv(video, buf, sizeof buf, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+    }
+    if (g_stop)
+        return End::Terminated;
+    logf("%s: head unit closed the connection after %" PRId64 " ms", what,
+         (monotonic_ns() - start) / 1000000);
+    return End::PeerGone;
+}
+
 End stream(const Config& cfg, FrameSource* source, int* video, int* control)
 {
     std::atomic<bool> peer_gone{false};
@@ -355,6 +380,11 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
     const std::vector<uint8_t> info =
         sim::encode_device_info(name, uint16_t(cfg.info_width), uint16_t(cfg.info_height));
 
+    if (cfg.script.info_bytes >= 0) {
+        send_all(*video, info.data(), size_t(cfg.script.info_bytes));
+        logf("device information cut at %ld of 68 bytes", cfg.script.info_bytes);
+        return wait_for_close(*video, "after the cut device information");
+    }
     if (cfg.script.short_info) {
         send_all(*video, info.data(), 30);
         logf("short device information sent (30 of 68 bytes), closing");
@@ -370,7 +400,7 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
     std::thread ctl;
     bool control_ended = false;
     bool reset = false;
-    if (*control >= 0)
+    if (*control >= 0 && !cfg.script.ignore_control)
         ctl = std::thread(control_reader, *control, cfg.control_log);
 
     std::mt19937 rng(12345);
@@ -432,6 +462,11 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
                 end_fd(*control, reset);
                 end = End::Closed;
                 finished = true;
+                break;
+            case sim::EventKind::Idle:
+                logf("idle for %s s at frame %u", ev.text.c_str(), n);
+                sleep_ms(atoi(ev.text.c_str()) * 1000);
+                logf("idle period over");
                 break;
             case sim::EventKind::Stall:
                 end = idle(peer_gone, "stalled");
@@ -499,7 +534,7 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
     return end;
 }
 
-int connect_to(const std::string& host, int port)
+int connect_to(const std::string& host, int port, int rcvbuf = 0)
 {
     addrinfo hints{};
     hints.ai_family = AF_INET;
@@ -510,6 +545,9 @@ int connect_to(const std::string& host, int port)
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd >= 0) {
         track(fd);
+        // Set before the connection exists, so the window offered to the head unit stays small.
+        if (rcvbuf > 0)
+            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
         if (connect(fd, res->ai_addr, res->ai_addrlen) != 0)
             close_fd(&fd);
     }
@@ -518,10 +556,10 @@ int connect_to(const std::string& host, int port)
 }
 
 // A few tries: the head unit's side may still be coming up.
-int connect_retry(const std::string& host, int port, const char* what)
+int connect_retry(const std::string& host, int port, const char* what, int rcvbuf = 0)
 {
     for (int i = 0; i < 50 && !g_stop; ++i) {
-        int fd = connect_to(host, port);
+        int fd = connect_to(host, port, rcvbuf);
         if (fd >= 0) {
             int one = 1;
             setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
@@ -581,17 +619,32 @@ const char* end_text(End e)
 
 int run_server(Config& cfg)
 {
+    const std::string& launch = cfg.script.launch;
+    if (launch == "exit-at-launch") {
+        logf("end: exit at launch");
+        return 1;
+    }
+    if (launch == "never-connect") {
+        logf("never connecting");
+        while (!g_stop)
+            usleep(10000);
+        logf("end: terminated");
+        return 0;
+    }
     FrameSource source;
     std::string error;
-    if (!cfg.script.short_info && !source.open(cfg, &error)) {
+    if (!cfg.script.short_info && cfg.script.info_bytes < 0 && !source.open(cfg, &error)) {
         fprintf(stderr, "phone-sim: %s\n", error.c_str());
         return 1;
     }
     int video = -1, control = -1;
+    End end = End::Error;
     if (!cfg.tunnel_forward) {
         video = connect_retry(cfg.host, cfg.port, "video");
-        if (video >= 0)
-            control = connect_retry(cfg.host, cfg.port, "control");
+        if (video >= 0 && launch == "video-only")
+            end = wait_for_close(video, "video only");
+        else if (video >= 0)
+            control = connect_retry(cfg.host, cfg.port, "control", cfg.script.ignore_control ? 4096 : 0);
     } else {
         int listener = listen_on(cfg.port);
         if (listener < 0)
@@ -600,40 +653,25 @@ int run_server(Config& cfg)
         video = accept_one(listener, "video");
         // The first byte tells the head unit the server itself is there, not only the tunnel.
         const uint8_t hello = 0;
-        if (video >= 0 && !send_all(video, &hello, 1))
+        if (video >= 0 && launch == "no-hello")
+            end = wait_for_close(video, "no first byte");
+        else if (video >= 0 && !send_all(video, &hello, 1))
             close_fd(&video);
-        if (video >= 0)
+        else if (video >= 0 && launch == "video-only")
+            end = wait_for_close(video, "video only");
+        else if (video >= 0)
             control = accept_one(listener, "control");
         close_fd(&listener);
     }
-    End end = End::Error;
-    if (video >= 0 && control >= 0)
+    // A misbehaving server's wait may already be over; otherwise stream.
+    if (end == End::Error && video >= 0 && control >= 0)
         end = stream(cfg, &source, &video, &control);
-    else if (g_stop)
+    else if (end == End::Error && g_stop)
         end = End::Terminated;
     close_fd(&video);
     close_fd(&control);
     logf("end: %s", end_text(end));
     return end == End::Error ? 1 : 0;
-}
-
-// A phone that connects and never speaks: waits for the head unit to give up on it.
-End silent_session(int video)
-{
-    const int64_t start = monotonic_ns();
-    logf("silent: connected, sending nothing");
-    uint8_t buf[64];
-    for (;;) {
-        const ssize_t n = recv(video, buf, sizeof buf, 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-    }
-    if (g_stop)
-        return End::Terminated;
-    logf("silent: head unit closed the connection after %" PRId64 " ms", (monotonic_ns() - start) / 1000000);
-    return End::PeerGone;
 }
 
 int run_wifi(Config& cfg)
@@ -676,7 +714,7 @@ int run_wifi(Config& cfg)
         if (video < 0)
             end = g_stop ? End::Terminated : End::Error;
         else if (cfg.silent)
-            end = silent_session(video);
+            end = wait_for_close(video, "silent");
         else
             end = stream(cfg, &source, &video, &control);
         close_fd(&video);

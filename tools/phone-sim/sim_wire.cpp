@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace sim {
 
@@ -269,16 +270,30 @@ bool parse_script(const std::string& text, Script* script, std::string* error)
             script->short_info = true;
             continue;
         }
-        if (item.compare(0, 7, "frames=") == 0) {
-            char* end = nullptr;
-            const long n = strtol(item.c_str() + 7, &end, 10);
-            if (end == item.c_str() + 7 || *end != '\0' || n < 0) {
-                *error = "bad frame count in '" + item + "'";
-                return false;
-            }
-            script->frames = n;
+        if (item == "exit-at-launch" || item == "never-connect" || item == "video-only" ||
+            item == "no-hello") {
+            script->launch = item;
             continue;
         }
+        if (item == "ignore-control") {
+            script->ignore_control = true;
+            continue;
+        }
+        for (const char* key : {"frames=", "info-bytes="}) {
+            const size_t key_len = strlen(key);
+            if (item.compare(0, key_len, key) != 0)
+                continue;
+            char* end = nullptr;
+            const long n = strtol(item.c_str() + key_len, &end, 10);
+            if (end == item.c_str() + key_len || *end != '\0' || n < 0 || (key[0] == 'i' && n > 68)) {
+                *error = "bad count in '" + item + "'";
+                return false;
+            }
+            (key[0] == 'f' ? script->frames : script->info_bytes) = n;
+            break;
+        }
+        if (item.compare(0, 7, "frames=") == 0 || item.compare(0, 11, "info-bytes=") == 0)
+            continue;
         const size_t at = item.rfind('@');
         if (at == std::string::npos) {
             *error = "missing @FRAME in '" + item + "'";
@@ -314,6 +329,9 @@ bool parse_script(const std::string& text, Script* script, std::string* error)
         else if (name.compare(0, 10, "clipboard:") == 0) {
             ev.kind = EventKind::Clipboard;
             ev.text = name.substr(10);
+        } else if (name.compare(0, 5, "idle:") == 0 && atoi(name.c_str() + 5) > 0) {
+            ev.kind = EventKind::Idle;
+            ev.text = name.substr(5);
         } else {
             *error = "unknown event '" + name + "'";
             return false;

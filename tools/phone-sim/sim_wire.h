@@ -66,6 +66,7 @@ enum class EventKind {
     CloseControl, // close the control connection, keep streaming
     Clipboard,    // clipboard device message with text
     Notify,       // notify device message
+    Idle,         // send nothing for text seconds (a still screen), then go on
 };
 
 struct Event {
@@ -78,6 +79,11 @@ struct Script {
     std::vector<Event> events;
     bool short_info = false;
     long frames = -1; // stop after this many frames (connection stays open), -1 for no limit
+    // How a misbehaving server starts: "" (normally), "exit-at-launch", "never-connect", "video-only"
+    // (no control connection), "no-hello" (forward mode: the first byte never comes).
+    std::string launch;
+    long info_bytes = -1;        // send only this much of the device information, then stay silent
+    bool ignore_control = false; // never read the control connection (its buffers fill up)
 };
 
 // False with *error set when the text has an unknown or malformed item.

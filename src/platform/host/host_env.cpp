@@ -2,6 +2,7 @@
 // change them between cases in one process.
 #include "platform/host/host_platform.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -78,11 +79,23 @@ void fb_resolution(int* width, int* height)
     const char* v = std::getenv("ORVANE_HOST_FB");
     if (!v || !*v)
         return;
-    int w = 0, h = 0;
-    char tail = 0;
-    if (std::sscanf(v, "%dx%d%c", &w, &h, &tail) == 2 && w >= 16 && h >= 16 && w <= 8192 && h <= 8192) {
-        *width = w;
-        *height = h;
+    // Digits only, range-checked before any narrowing: 4294967312x16 must not pass as 16x16.
+    const auto dimension = [](const char* text, char end, const char** next) -> long {
+        char* stop = nullptr;
+        errno = 0;
+        const unsigned long n =
+            std::isdigit(static_cast<unsigned char>(*text)) ? std::strtoul(text, &stop, 10) : 0;
+        if (stop == nullptr || errno != 0 || *stop != end || n < 16 || n > 8192)
+            return -1;
+        *next = stop + 1;
+        return static_cast<long>(n);
+    };
+    const char* rest = v;
+    const long w = dimension(rest, 'x', &rest);
+    const long h = w < 0 ? -1 : dimension(rest, '\0', &rest);
+    if (w > 0 && h > 0) {
+        *width = static_cast<int>(w);
+        *height = static_cast<int>(h);
         return;
     }
     printf("ORVANE_HOST_FB=%s is not WIDTHxHEIGHT (16..8192), using 1024x600\n", v);
