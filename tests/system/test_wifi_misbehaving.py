@@ -1,0 +1,112 @@
+"""Wi-Fi phones as they really are: a still screen that sends nothing for a minute, a header cut
+short, a phone that leaves just before the HMI restarts the link or comes back just inside its
+grace period, and connections that arrive while the daemon is about to end their link. Needs root
+(see wifinet)."""
+
+import os
+import signal
+import threading
+import time
+
+import harness
+import wifinet
+from harness import LINK_USB, LINK_WIFI as WIFI
+from test_wifi import WifiCase
+
+STALE = r'^event 2028 of an ended link ignored$'
+
+
+class Misbehaving(WifiCase):
+
+    def test_still_screen_cut_header_stale_grace_and_a_phone_back_just_in_time(self):
+        self.begin()
+        # A still screen: nothing for 60 s, then frames again; the link holds throughout.
+        phone, log = self.phone('--drop-at', '45', events='idle:60@30', log='still.log')
+        self.monitor.wait_for(WIFI, 4, timeout=30)
+        harness.wait_file(log, r'^idle period over$', timeout=90)
+        shown = self.pictures()
+        self.pictures(shown + 5)  # its next frames are shown
+        self.daemon.assert_no_console(r'^Video stream stopped$')
+        self.assertEqual(self.monitor.all(), [(WIFI, 3), (WIFI, 4)])
+        # It leaves (reset at frame 45) and the HMI stops and restarts within its grace period:
+        # that grace period must not end the new link.
+        mark = self.daemon.mark()
+        self.daemon.wait_for_console(r'^Video stream stopped$', since=mark, timeout=30)
+        self.assertEqual(harness.request_link_status(self.bus, WIFI, 7)[0], 0)
+        self.start_wifi()
+        time.sleep(4)  # past the old grace period's end
+        self.daemon.assert_no_console('wait client retry connect timeout', since=mark)
+        self.assertTrue(self.net.listening(self.daemon.pid))
+        # A phone dropped mid-stream and back 2.9 s later keeps its link: the grace is 3000 ms.
+        since = self.monitor.count()
+        self.phone('--drop-at', '20', '--reconnect', '2900', log='back.log')
+        harness.wait_file(self.tmp.file('back.log'), r'^video connected to .*\n(.*\n)*^video connected to ',
+                          timeout=30)
+        self.pictures(self.pictures() + 30)
+        self.assertEqual(self.monitor.all()[since:], [(WIFI, 4), (WIFI, 4)])
+        self.daemon.assert_no_console('wait client retry connect timeout', since=mark)
+        # A header cut short and closed is a failure, not a record padded with zeros.
+        self.assertEqual(harness.request_link_status(self.bus, WIFI, 7)[0], 0)
+        self.start_wifi()
+        mark, since = self.daemon.mark(), self.monitor.count()
+        self.phone(events='short-info', log='short.log')
+        self.monitor.wait_for(WIFI, 5, since=since, timeout=30)
+        self.daemon.wait_for_console(r'^Could not retrieve device information$\n(.*\n)*?.*device_read_info failed! ',
+                                     since=mark)
+        self.assertEqual(self.monitor.all()[since:], [(WIFI, 5)])
+
+    def test_a_phone_that_vanishes_ends_its_stream_within_the_bound(self):
+        self.begin()
+        phone, _ = self.phone()
+        self.monitor.wait_for(WIFI, 4, timeout=30)
+        self.pictures(30)
+        mark = self.daemon.mark()
+        # Out of radio range: its interface goes down, nothing more reaches the head unit, not even
+        # a reset.
+        link = lambda state: wifinet._ip('-n', self.net.phone.ns, 'link', 'set', self.net.phone.interface, state)
+        self.addCleanup(link, 'up')
+        link('down')
+        down = time.monotonic()
+        self.daemon.wait_for_console(r'^Video stream stopped$', since=mark, timeout=60)
+        self.assertLess(time.monotonic() - down, 20)
+        self.monitor.wait_for(WIFI, 8, timeout=30)
+        self.daemon.wait_for_console(r'^wait client retry connect timeout, exit link!$', since=mark)
+        self.assertEqual(self.monitor.all(), [(WIFI, 3), (WIFI, 4), (WIFI, 8)])
+        self.net.stop(phone)
+
+    def test_connection_events_of_an_ended_link_act_on_nothing(self):
+        # The daemon is frozen while a phone connects and the HMI asks for the stop (or a switch to
+        # USB); once thawed, which of the two reaches the main thread first is the scheduler's
+        # choice: rounds go on until two have taken the path where the connection's event comes after
+        # the teardown.
+        usb = harness.UsbRig(self.tmp.path)
+        self.begin(expect=None, env=usb.env(fb='800x480'))
+        stale = lambda: len(harness.re.findall(STALE, self.daemon.console(), harness.re.M))
+        for round_ in range(40):
+            if stale() >= 2:
+                break
+            request = (LINK_USB, 3) if round_ % 2 else (WIFI, 7)
+            with self.subTest(round=round_, request=request):
+                self.start_wifi()
+                since, mark = self.monitor.count(), self.daemon.mark()
+                os.kill(self.daemon.pid, signal.SIGSTOP)
+                try:
+                    phone, log = self.phone(log='round%d.log' % round_)
+                    harness.wait_file(log, r'^video connected to ')
+                    answered = threading.Thread(target=harness.request_link_status, args=(self.bus,) + request)
+                    answered.start()
+                    time.sleep(1)  # the request is on its way into the frozen daemon
+                finally:
+                    os.kill(self.daemon.pid, signal.SIGCONT)
+                answered.join(60)
+                if request[0] == LINK_USB:
+                    self.monitor.wait_for(LINK_USB, 4, since=since, timeout=30)
+                    self.assertEqual(self.monitor.all()[since:][-1:], [(LINK_USB, 4)])
+                    self.assertEqual(harness.request_link_status(self.bus, LINK_USB, 7)[0], 0)
+                    self.monitor.wait_for(LINK_USB, 8, since=since)
+                statuses = self.monitor.all()[since:]
+                self.assertNotIn((WIFI, 5), statuses)
+                self.assertNotIn((LINK_USB, 5), statuses)
+                self.assertFalse(self.net.listening(self.daemon.pid))
+                self.net.stop(phone)
+        self.assertGreaterEqual(stale(), 2, 'too few rounds handed a connection event in after its teardown')
