@@ -203,7 +203,9 @@ TEST_F(UsbServer, TunnelEitherWayTakesVideoThenControlAndStopEndsTheServer)
 // Like adb itself when nothing listens on the phone: the tunnel accepts and closes at once.
 TEST_F(UsbServer, ForwardWithoutAnswerGivesUpAfterHundredAttempts)
 {
-    setenv("FAKE_ADB_FAIL", "reverse,launch", 1);
+    // A server that runs but never answers; adb's side of the tunnel takes each connection and drops it.
+    setenv("FAKE_ADB_FAIL", "reverse", 1);
+    setenv("PHONE_SIM_EVENTS", "never-connect", 1);
     const int tunnel = sock_listen(SOCK_ADDR_LOOPBACK, params_.local_port, 8);
     ASSERT_NE(tunnel, -1);
     std::atomic<int> accepted{0};
