@@ -273,7 +273,7 @@ TEST(TcpStream, EndsOnZeroLengthHangUpStopOversizeUnmappedBufferAndBusyCodecAndR
          "Frame length 1048577" + over + end, 0, &full},
         {"", tcp_packet(3, {}, 0xFFFFFFFFu), false, "Frame length 4294967295" + over + end, 0, nullptr},
         {"memalloc-open", tcp_packet(1, last), false, "Video buffer is not mapped, closing stream\n" + end, 0, nullptr},
-        {"codec-busy", {}, false, busy + busy + busy + busy + "decoder_open MFC Lock failed\nCould not open decoder\n", 0, nullptr},
+        {"codec-busy", {}, false, "Starting stream thread\n" + busy + busy + busy + busy + "decoder_open MFC Lock failed\nCould not open decoder\n", 0, nullptr},
         // clang-format on
     };
     for (const auto& row : rows) {
