@@ -5,29 +5,19 @@
 #include "control/control_message.h"
 #include "fuzz_support.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fuzz_quiet();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    fuzz_setup();
     DeviceMessage msg{0, nullptr};
-    for (size_t consumed = 0; consumed < size;) {
-        const ssize_t n = device_message_parse(data + consumed, size - consumed, &msg);
-        if (n <= 0) {
-            if (msg.text != nullptr) // nothing consumed, nothing allocated
-                abort();
+    for (size_t consumed = 0, n = 0; consumed < size; consumed += n) {
+        const ssize_t parsed = device_message_parse(data + consumed, size - consumed, &msg);
+        check(parsed > 0 || msg.text == nullptr); // nothing consumed, nothing allocated
+        if (parsed <= 0)
             break;
-        }
-        if (size_t(n) > size - consumed || msg.type != DEVICE_CLIPBOARD || msg.text == nullptr)
-            abort();
-        // The text is exactly the announced bytes, terminated.
-        const size_t len = size_t(n) - 3;
-        if (memcmp(msg.text, data + consumed + 3, len) != 0 || msg.text[len] != '\0')
-            abort();
-        consumed += size_t(n);
+        // A clipboard whose text is exactly the announced bytes, terminated.
+        n = size_t(parsed);
+        check(n <= size - consumed && msg.type == DEVICE_CLIPBOARD && msg.text != nullptr &&
+              memcmp(msg.text, data + consumed + 3, n - 3) == 0 && msg.text[n - 3] == '\0');
         device_message_destroy(&msg);
     }
     return 0;
