@@ -12,7 +12,7 @@ import harness
 from test_endurance import RSS_SLACK_KB
 from test_usb import UsbCase
 
-SECONDS = float(os.environ.get('ORVANE_STORM_SECONDS') or 600)
+SECONDS = float(os.environ.get('ORVANE_STORM_SECONDS') or 300)
 SEED = int(os.environ.get('ORVANE_STORM_SEED') or 1)
 SAMPLE_EVERY = min(60.0, SECONDS / 5)
 PLACE = (0, 12, 1024, 576)  # 1280x720 fitted into the 1024x600 screen
@@ -74,7 +74,7 @@ class Storm(UsbCase):
         subprocess.run(['ffmpeg', '-v', 'error', '-f', 'lavfi', '-i', 'testsrc2=size=1280x720:rate=60', '-t', '3',
                         '-c:v', 'libx264', '-preset', 'ultrafast', '-bf', '0', '-g', '60', '-x264-params', 'aud=1',
                         '-pix_fmt', 'yuv420p', '-f', 'h264', clip], check=True, timeout=120)
-        self.start_usb_daemon(fps=60, PHONE_SIM_CLIP=clip, MALLOC_ARENA_MAX='2', MALLOC_MMAP_THRESHOLD_='131072')
+        self.start_usb_daemon(fps=60, PHONE_SIM_CLIP=clip)
         self.rng, self.offset, self.expected, self.controls, self.streaming = random.Random(SEED), 0, [], 0, False
         counts, figures, begin, kind = {}, [], time.monotonic(), None
         while time.monotonic() - begin < SECONDS or self.streaming:
