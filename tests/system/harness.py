@@ -48,9 +48,9 @@ def wait_until(predicate, timeout, what=None):
     deadline = time.monotonic() + timeout
     while True:
         value = predicate()
-        if value or (what is None and time.monotonic() > deadline):
-            return value
-        if time.monotonic() > deadline:
+        if value or time.monotonic() > deadline:
+            if value or what is None:
+                return value
             raise AssertionError('%s: not within %s s' % (what, timeout))
         time.sleep(0.05)
 
@@ -78,24 +78,19 @@ def spawn(argv, group=False, **kwargs):
 
 def kill_process(proc, group=False, grace=0.0, sig=signal.SIGTERM):
     """Ends proc (with its process group if asked): sig first when grace > 0, then SIGKILL; reaps."""
-    def send(s):
+    for s in ([sig] if grace > 0 and proc.poll() is None else []) + [signal.SIGKILL]:
         try:
             os.killpg(proc.pid, s) if group else proc.send_signal(s)
-        except (ProcessLookupError, PermissionError):
+            proc.wait(timeout=grace if s == sig else 10)
+        except (ProcessLookupError, PermissionError, subprocess.TimeoutExpired):
             pass
-    if grace > 0 and proc.poll() is None:
-        send(sig)
-        try:
-            proc.wait(timeout=grace)
-        except subprocess.TimeoutExpired:
-            pass
-    send(signal.SIGKILL)
     proc.wait(timeout=10)
     if proc in _live:
         _live.remove(proc)
 
 
-def _children_of(pid):
+def children_of(pid):
+    """The children of pid, zombies included."""
     try:
         return [int(p) for tid in os.listdir('/proc/%d/task' % pid)
                 for p in read_text('/proc/%d/task/%s/children' % (pid, tid)).split()]
@@ -103,7 +98,7 @@ def _children_of(pid):
         return []
 
 
-def _running_cmdline(pid):
+def running_cmdline(pid):
     """The command line of a running (not zombie) process, or None."""
     stat = read_text('/proc/%d/stat' % pid)
     if not stat or stat.rsplit(')', 1)[1].split()[0] == 'Z':
@@ -117,7 +112,7 @@ def reap_orphans(timeout=10, kill=False):
     deadline, killed = time.monotonic() + timeout, set()
     while True:
         ours = {proc.pid for proc in _live}
-        orphans = [(pid, _running_cmdline(pid)) for pid in _children_of(os.getpid()) if pid not in ours]
+        orphans = [(pid, running_cmdline(pid)) for pid in children_of(os.getpid()) if pid not in ours]
         for pid, cmdline in orphans:
             if cmdline is not None and kill:
                 killed.add(cmdline)
@@ -135,14 +130,8 @@ def end_orphans(timeout=5):
 
 def descendants(pid):
     """Every running process below pid: [(pid, command line)]."""
-    out, todo = [], [pid]
-    while todo:
-        for kid in _children_of(todo.pop()):
-            todo.append(kid)
-            cmdline = _running_cmdline(kid)
-            if cmdline is not None:
-                out.append((kid, cmdline))
-    return out
+    kids = [(kid, running_cmdline(kid)) for kid in children_of(pid)]
+    return [(kid, cmd) for kid, cmd in kids if cmd is not None] + sum((descendants(kid) for kid, _ in kids), [])
 
 
 def process_resources(pid):
@@ -177,7 +166,7 @@ class PrivateBus:
         self.proc = spawn(['dbus-daemon', '--config-file=' + config, '--address=unix:dir=' + self.directory,
                            '--print-address', '--nofork'], env=env, stdout=subprocess.PIPE,
                           stderr=subprocess.DEVNULL)
-        ready, _, _ = select.select([self.proc.stdout], [], [], timeout)
+        ready = select.select([self.proc.stdout], [], [], timeout)[0]
         self.address = self.proc.stdout.readline().decode().strip() if ready else ''
         if not self.address.startswith('unix:'):
             self.close()
@@ -194,8 +183,8 @@ class PrivateBus:
 
 
 class Daemon:
-    """The real orvaned on a private bus, its console in a file, kept hermetic by default_env (shell
-    commands only leave log lines); prefix is a command that execs it, such as `ip netns exec NS`."""
+    """The real orvaned on a private bus, its console in a file, its adb and shell commands harmless
+    (set through its documented variables); prefix is a command that execs it, such as `ip netns exec NS`."""
 
     def __init__(self, bus, workdir, env=None, name='orvaned', wait_ready=True, timeout=15, prefix=()):
         self.name, self.console_path = name, os.path.join(workdir, name + '.console')
@@ -209,13 +198,9 @@ class Daemon:
 
     @staticmethod
     def default_env(workdir):
-        os.makedirs(os.path.join(workdir, 'sysfs-net', 'wlan1'), exist_ok=True)
-        with open(os.path.join(workdir, 'sysfs-net', 'wlan1', 'address'), 'w') as f:
-            f.write('02:00:5e:10:00:01\n')
         env = {'ORVANE_%s_COMMAND' % name: 'echo %s >> %s/shell-commands.log' % (name, workdir)
                for name in ('ADB_DEVICES', 'OTG', 'ADB_KILL')}
         return dict(env, ADB=os.path.join(workdir, 'no-adb-configured'), ORVANE_HOST_DISPLAY='headless',
-                    ORVANE_SYSFS_NET=os.path.join(workdir, 'sysfs-net'),
                     ORVANE_HOST_CODEC_LOCK=os.path.join(workdir, 'codec.lock'))
 
     def console(self):
@@ -227,8 +212,7 @@ class Daemon:
 
     def wait_for_console(self, regex, timeout=10, since=0):
         """Waits until regex (multi-line) matches the console after since; fails early if we exit."""
-        pattern = re.compile(regex, re.MULTILINE)
-        deadline = time.monotonic() + timeout
+        pattern, deadline = re.compile(regex, re.MULTILINE), time.monotonic() + timeout
         while True:
             exited = self.proc.poll() is not None
             m = pattern.search(self.console(), since)
@@ -245,8 +229,7 @@ class Daemon:
             raise AssertionError('unexpected %r on the console of %s' % (m.group(0), self.name))
 
     def stop(self):
-        # SIGKILL: SIGTERM only makes the daemon print its call stack.
-        kill_process(self.proc, group=True)
+        kill_process(self.proc, group=True)  # SIGKILL: SIGTERM only makes the daemon print its call stack
 
 
 class Monitor:
@@ -333,18 +316,13 @@ class OrvaneTestCase(unittest.TestCase):
 
     def setUp(self):
         require_binaries('orvaned')
-        self.tmp = TempDir()
-        self.addCleanup(self.tmp.close)
-        self.bus = PrivateBus()
-        self.addCleanup(self.bus.close)
-        self.daemons = []
-        self.addCleanup(self._stop_daemons)
+        self.tmp, self.bus, self.daemons = TempDir(), PrivateBus(), []
+        for cleanup in (self.tmp.close, self.bus.close, self._stop_daemons):
+            self.addCleanup(cleanup)
 
     def start_daemon(self, env=None, wait_ready=True, prefix=()):
         name = 'orvaned-%d' % (len(self.daemons) + 1) if self.daemons else 'orvaned'
-        self.daemons.append(Daemon(self.bus, self.tmp.path, env=env, name=name, wait_ready=False, prefix=prefix))
-        if wait_ready:
-            self.daemons[-1].wait_for_console(re.escape(READY_LINE), 15)
+        self.daemons.append(Daemon(self.bus, self.tmp.path, env=env, name=name, wait_ready=wait_ready, prefix=prefix))
         return self.daemons[-1]
 
     def start_monitor(self):
@@ -425,10 +403,6 @@ class UsbRig:
             return pics if sum(p.visible == visible for p in pics) >= count else None
         return wait_until(enough, timeout, '%d pictures with visible=%s' % (count, visible))
 
-    def wait_controls(self, count, timeout=20):
-        wait_until(lambda: len(self.controls()) >= count, timeout, '%d control messages' % count)
-        return self.controls()
-
     def wait_snapshot(self, predicate, what, timeout=30):
         """Takes fresh snapshots until one satisfies predicate (one begun just before a change may
         land after it); returns that snapshot."""
@@ -455,13 +429,10 @@ class Snapshot:
         if len(self.raw) != self.width * self.height * 3:
             raise AssertionError('snapshot decoded to %d bytes, not %dx%dx3' % (len(self.raw), self.width, self.height))
 
-    def pixel(self, x, y):
-        i = (y * self.width + x) * 3
-        return tuple(self.raw[i:i + 3])
-
     def colour(self, x, y):
         """'red', 'green', 'blue', 'black' or 'other', with room for compression's drift."""
-        r, g, b = self.pixel(x, y)
+        i = (y * self.width + x) * 3
+        r, g, b = self.raw[i:i + 3]
         if max(r, g, b) < 40:
             return 'black'
         for name, (hi, lo1, lo2) in (('red', (r, g, b)), ('green', (g, r, b)), ('blue', (b, r, g))):
