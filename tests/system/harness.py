@@ -43,8 +43,7 @@ def require_binaries(*names):
 
 
 def wait_until(predicate, timeout, what=None):
-    """Polls predicate until it returns something true, and returns that; at the time-out, fails
-    naming what, or without what returns the last value."""
+    """predicate's first true value; at the time-out its last value, or a failure naming what."""
     deadline = time.monotonic() + timeout
     while True:
         value = predicate()
@@ -68,8 +67,7 @@ def wait_file(path, regex, timeout=30):
     return wait_until(lambda: re.search(regex, read_text(path), re.MULTILINE), timeout, '%r in %s' % (regex, path))
 
 
-def spawn(argv, group=False, **kwargs):
-    """Popen, tracked for clean-up; group=True puts it in a process group of its own."""
+def spawn(argv, group=False, **kwargs):  # tracked for clean-up; group: in a process group of its own
     proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, start_new_session=group, **kwargs)
     proc.orvane_group = group
     _live.append(proc)
@@ -89,8 +87,7 @@ def kill_process(proc, group=False, grace=0.0, sig=signal.SIGTERM):
         _live.remove(proc)
 
 
-def children_of(pid):
-    """The children of pid, zombies included."""
+def children_of(pid):  # zombies included
     try:
         return [int(p) for tid in os.listdir('/proc/%d/task' % pid)
                 for p in read_text('/proc/%d/task/%s/children' % (pid, tid)).split()]
@@ -98,8 +95,7 @@ def children_of(pid):
         return []
 
 
-def running_cmdline(pid):
-    """The command line of a running (not zombie) process, or None."""
+def running_cmdline(pid):  # None for a zombie or a process gone
     stat = read_text('/proc/%d/stat' % pid)
     if not stat or stat.rsplit(')', 1)[1].split()[0] == 'Z':
         return None
@@ -107,8 +103,8 @@ def running_cmdline(pid):
 
 
 def reap_orphans(timeout=10, kill=False):
-    """Reaps our children that nothing here started (what daemons left behind) as they end, or kills
-    them; returns the command lines of those still running at the time-out, or of those killed."""
+    """Reaps (or kills) our children that nothing here started, what daemons left behind; returns the
+    command lines of those still running at the time-out, or of those killed."""
     deadline, killed = time.monotonic() + timeout, set()
     while True:
         ours = {proc.pid for proc in _live}
@@ -128,14 +124,12 @@ def end_orphans(timeout=5):
     return reap_orphans(timeout, kill=True)
 
 
-def descendants(pid):
-    """Every running process below pid: [(pid, command line)]."""
+def descendants(pid):  # [(pid, command line)] of every running process below pid
     kids = [(kid, running_cmdline(kid)) for kid in children_of(pid)]
     return [(kid, cmd) for kid, cmd in kids if cmd is not None] + sum((descendants(kid) for kid, _ in kids), [])
 
 
-def process_resources(pid):
-    """(threads, descriptors, resident kB) of a process."""
+def process_resources(pid):  # (threads, descriptors, resident kB)
     rss = re.search(r'^VmRSS:\s+(\d+)', read_text('/proc/%d/status' % pid), re.MULTILINE)
     return len(os.listdir('/proc/%d/task' % pid)), len(os.listdir('/proc/%d/fd' % pid)), int(rss.group(1))
 
@@ -206,8 +200,7 @@ class Daemon:
     def console(self):
         return read_text(self.console_path)
 
-    def mark(self):
-        """A position in the console, for since=."""
+    def mark(self):  # a position in the console, for since=
         return len(self.console())
 
     def wait_for_console(self, regex, timeout=10, since=0):
@@ -254,8 +247,7 @@ class Monitor:
             elif m:
                 self._events.append((time.monotonic(), int(m.group(1)), int(m.group(2))))
 
-    def all(self):
-        """[(type, status)] in arrival order."""
+    def all(self):  # [(type, status)] in arrival order
         return [event[1:] for event in list(self._events)]
 
     def count(self):
@@ -391,8 +383,7 @@ class UsbRig:
     def pictures(self):
         return [Picture(line) for line in read_text(self.framelog).splitlines()]
 
-    def controls(self):
-        """The control messages phone-sim received, without their receive times."""
+    def controls(self):  # what phone-sim received, without the receive times
         records = [json.loads(line) for line in read_text(self.control_log).splitlines()]
         return [{k: v for k, v in r.items() if k != 't_ns'} for r in records]
 
@@ -404,8 +395,7 @@ class UsbRig:
         return wait_until(enough, timeout, '%d pictures with visible=%s' % (count, visible))
 
     def wait_snapshot(self, predicate, what, timeout=30):
-        """Takes fresh snapshots until one satisfies predicate (one begun just before a change may
-        land after it); returns that snapshot."""
+        """The first fresh snapshot that satisfies predicate (one begun just before a change may land after it)."""
         deadline = time.monotonic() + timeout
         while True:
             if os.path.exists(self.snapshot):
