@@ -50,7 +50,7 @@ def wait_until(predicate, timeout, what=None):
         if value or time.monotonic() > deadline:
             if value or what is None:
                 return value
-            raise AssertionError('%s: not within %s s' % (what, timeout))
+            raise AssertionError('%s: not within %s s' % (what() if callable(what) else what, timeout))
         time.sleep(0.05)
 
 
@@ -205,21 +205,15 @@ class Daemon:
 
     def wait_for_console(self, regex, timeout=10, since=0):
         """Waits until regex (multi-line) matches the console after since; fails early if we exit."""
-        pattern, deadline = re.compile(regex, re.MULTILINE), time.monotonic() + timeout
-        while True:
-            exited = self.proc.poll() is not None
-            m = pattern.search(self.console(), since)
-            if m:
-                return m
-            if exited or time.monotonic() > deadline:
-                raise AssertionError('%r not on the console of %s (exit status %s); tail:\n%s'
-                                     % (regex, self.name, self.proc.returncode, self.console()[-3000:]))
-            time.sleep(0.05)
+        found = lambda: re.compile(regex, re.MULTILINE).search(self.console(), since)
+        if wait_until(lambda: found() or self.proc.poll() is not None, timeout) and found():
+            return found()
+        raise AssertionError('%r not on the console of %s (exit status %s); tail:\n%s'
+                             % (regex, self.name, self.proc.returncode, self.console()[-3000:]))
 
     def assert_no_console(self, regex, since=0):
         m = re.search(regex, self.console()[since:], re.MULTILINE)
-        if m:
-            raise AssertionError('unexpected %r on the console of %s' % (m.group(0), self.name))
+        assert not m, 'unexpected %r on the console of %s' % (m and m.group(0), self.name)
 
     def stop(self):
         kill_process(self.proc, group=True)  # SIGKILL: SIGTERM only makes the daemon print its call stack
@@ -255,12 +249,8 @@ class Monitor:
 
     def wait_for(self, link_type, status, timeout=10, since=0):
         """Waits for (link_type, status) at or after index since; returns (time, type, status)."""
-        event = wait_until(lambda: next((e for e in self._events[since:] if e[1:] == (link_type, status)), None),
-                           timeout)
-        if not event:
-            raise AssertionError('status (%d, %d) not seen within %s s; seen: %s'
-                                 % (link_type, status, timeout, self.all()))
-        return event
+        return wait_until(lambda: next((e for e in self._events[since:] if e[1:] == (link_type, status)), None),
+                          timeout, lambda: 'status (%d, %d) after %d; seen: %s' % (link_type, status, since, self.all()))
 
     def close(self):
         kill_process(self.proc, grace=2, sig=signal.SIGINT)
@@ -295,8 +285,7 @@ def request_link_status(bus, link_type, status, timeout=30):
 def interface_members(bus):
     """{member: (kind, [(arg name, type, direction)])} of the daemon's interface, from introspection."""
     rc, out, err = dbus_send(bus, '--dest=' + SERVICE, OBJECT_PATH, 'org.freedesktop.DBus.Introspectable.Introspect')
-    if rc != 0:
-        raise AssertionError('Introspect failed: ' + err)
+    assert rc == 0, 'Introspect failed: ' + err
     node = ElementTree.fromstring(out[out.find('<node'):out.rfind('>') + 1])
     return {m.get('name'): (m.tag, [(a.get('name'), a.get('type'), a.get('direction')) for a in m.findall('arg')])
             for iface in node.findall('interface') if iface.get('name') == INTERFACE for m in iface}
@@ -339,10 +328,8 @@ class OrvaneTestCase(unittest.TestCase):
                 if text:
                     sys.stderr.write('\n--- %s of %s ---\n%s\n' % (title, daemon.name, text))
         left = end_orphans()
-        if left:
-            sys.stderr.write('\nprocesses left behind by the daemon, now killed: %s\n' % left)
-        if reports:
-            raise AssertionError('sanitizer report on the console of ' + ', '.join(reports))
+        sys.stderr.write('\nprocesses left behind by the daemon, now killed: %s\n' % left if left else '')
+        assert not reports, 'sanitizer report on the console of ' + ', '.join(reports)
 
 
 class Picture:
@@ -350,8 +337,7 @@ class Picture:
 
     def __init__(self, line):
         m = re.match(r'^\d+ (\d+)x(\d+) (-?\d+),(-?\d+),(\d+)x(\d+) ([01])$', line)
-        if not m:
-            raise AssertionError('malformed picture log line %r' % line)
+        assert m, 'malformed picture log line %r' % line
         v = [int(x) for x in m.groups()]
         self.size, self.place, self.visible = tuple(v[:2]), tuple(v[2:6]), v[6] == 1
 
@@ -396,16 +382,13 @@ class UsbRig:
 
     def wait_snapshot(self, predicate, what, timeout=30):
         """The first fresh snapshot that satisfies predicate (one begun just before a change may land after it)."""
-        deadline = time.monotonic() + timeout
-        while True:
+        def fresh():
             if os.path.exists(self.snapshot):
                 os.unlink(self.snapshot)
-            wait_until(lambda: os.path.exists(self.snapshot), max(1, deadline - time.monotonic()), 'a new snapshot')
+            wait_until(lambda: os.path.exists(self.snapshot), 10, 'a new snapshot')
             shot = Snapshot(self.snapshot)
-            if predicate(shot):
-                return shot
-            if time.monotonic() > deadline:
-                raise AssertionError('no snapshot %s within %s s' % (what, timeout))
+            return shot if predicate(shot) else None
+        return wait_until(fresh, timeout, 'a snapshot ' + what)
 
 
 class Snapshot:
@@ -416,13 +399,11 @@ class Snapshot:
             self.width, self.height = struct.unpack('>II', f.read(24)[16:24])  # from the IHDR chunk
         self.raw = subprocess.run(['ffmpeg', '-v', 'error', '-i', path, '-f', 'rawvideo', '-pix_fmt', 'rgb24', '-'],
                                   capture_output=True, timeout=30, check=True).stdout
-        if len(self.raw) != self.width * self.height * 3:
-            raise AssertionError('snapshot decoded to %d bytes, not %dx%dx3' % (len(self.raw), self.width, self.height))
+        assert len(self.raw) == self.width * self.height * 3, 'snapshot of %d bytes' % len(self.raw)
 
     def colour(self, x, y):
         """'red', 'green', 'blue', 'black' or 'other', with room for compression's drift."""
-        i = (y * self.width + x) * 3
-        r, g, b = self.raw[i:i + 3]
+        r, g, b = self.raw[(y * self.width + x) * 3:][:3]
         if max(r, g, b) < 40:
             return 'black'
         for name, (hi, lo1, lo2) in (('red', (r, g, b)), ('green', (g, r, b)), ('blue', (b, r, g))):

@@ -4,7 +4,6 @@ it took. Threads and descriptors come back exactly; resident memory after the la
 a cycle shows as 4.9 MB)."""
 
 import sys
-import unittest
 
 import harness
 from harness import LINK_USB
@@ -37,7 +36,3 @@ class Endurance(UsbCase):
         self.assertEqual(self.shell_runs(self.daemon.console())[0], CYCLES)
         self.assertEqual(sum('app_process' in call for call in self.rig.adb_calls()), CYCLES)
         self.assert_nothing_left()
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -31,8 +31,8 @@ class Storm(UsbCase):
         self.offset += len(data)
         return [harness.Picture(line) for line in data.decode().splitlines()]
 
-    def sample(self, figures):
-        harness.wait_until(lambda: not harness.descendants(self.daemon.pid), 20, "the link's children to end")
+    def sample(self, figures):  # threads, descriptors and memory once the link's children have ended
+        harness.wait_until(lambda: not harness.children_of(self.daemon.pid), 20, "the link's children to end")
         harness.wait_until(lambda: harness.process_resources(self.daemon.pid)[:2] == self.idle[:2], 10)
         figures.append(harness.process_resources(self.daemon.pid))
 
@@ -71,9 +71,9 @@ class Storm(UsbCase):
                     self.sample(figures)
                 streaming, shown = (True, True) if kind == 'start' else (streaming and kind != 'stop', kind != 'hide')
             else:
-                xy = rng.randint(1, 1022), rng.randint(PLACE[1] + 1, PLACE[1] + PLACE[3] - 2)
+                xy = [('uint32', rng.randint(1, 1022)), ('uint32', rng.randint(PLACE[1] + 1, PLACE[1] + PLACE[3] - 2))]
                 for call in ([('requestKeyValue', ('int32', rng.randint(1, 3)))] if kind == 'key' else
-                             [('requestTouchAction', ('uint32', a), ('uint32', xy[0]), ('uint32', xy[1])) for a in (1, 3)]):
+                             [['requestTouchAction', ('uint32', action)] + xy for action in (1, 3)]):
                     self.assertEqual(harness.raw_call(self.bus, *call)[0], 0, call)
                 # Down and up, or press and release, over the one ordered control connection; none while idle.
                 controls += 2 if streaming else 0
@@ -81,9 +81,8 @@ class Storm(UsbCase):
                 harness.wait_until(lambda: received() >= controls, 30)
                 self.assertEqual(received(), controls)
         self.sample(figures)
-        sys.stderr.write('\nseed %d, %.0f s: requests %s; %d control messages\nthreads, descriptors, resident kB: at '
-                         'start %s, idle about every %.0f s %s\n' % (SEED, time.monotonic() - begin, dict(counts),
-                                                                     controls, self.idle, SAMPLE_EVERY, figures))
+        sys.stderr.write('\nseed %d: requests %s; threads, descriptors, resident kB at start %s, idle about every '
+                         '%.0f s %s\n' % (SEED, dict(counts), self.idle, SAMPLE_EVERY, figures))
         self.assert_statuses(expected)  # it still answers, and no late status came
         self.assertEqual({f[:2] for f in figures}, {self.idle[:2]})
         if 'libasan' not in harness.read_text('/proc/%d/maps' % self.daemon.pid):

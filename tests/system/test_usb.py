@@ -8,7 +8,6 @@ import re
 import signal
 import tempfile
 import threading
-import unittest
 
 import harness
 from harness import LINK_USB
@@ -17,7 +16,6 @@ LAUNCH = ('shell CLASSPATH=/data/local/tmp/qvoalink-server.jar app_process / com
           '1280:720 8000000 false - true true')
 ADB_CALLS = ['push /qvoprofile/qvoalink-server.jar /data/local/tmp/qvoalink-server.jar',
              'reverse localabstract:androidlink tcp:27555', LAUNCH, 'reverse --remove localabstract:androidlink']
-TEARDOWN = (' stream stoped', ' controller stoped', ' video buffer stoped', ' screen stoped')
 
 
 def service_line(text):  # a service log line whose items end with text
@@ -79,8 +77,8 @@ class UsbCase(harness.OrvaneTestCase):
         self.monitor.wait_for(LINK_USB, 8, timeout=30, since=statuses_since)
         self.daemon.wait_for_console(service_line('exitLink  screen stoped'), since=since)
         console = self.daemon.console()[since:]
-        order = ['Server terminated', self.rig.OTG_TRACE] + [service_line('exitLink ' + t) for t in TEARDOWN[:3]] + \
-            [self.rig.ADB_KILL_TRACE, service_line('exitLink  screen stoped')]
+        order = ['Server terminated', self.rig.OTG_TRACE] + [service_line('exitLink  %s stoped' % step) for step in (
+            'stream', 'controller', 'video buffer')] + [self.rig.ADB_KILL_TRACE, service_line('exitLink  screen stoped')]
         positions = [re.search(text if text.startswith('^') else re.escape(text), console, re.M).start()
                      for text in order]
         self.assertEqual(positions, sorted(positions), 'teardown out of order')
@@ -96,7 +94,6 @@ class Link(UsbCase):
         self.start_usb_daemon()
         self.start_link()
         self.assertEqual(self.rig.adb_calls(), ADB_CALLS)
-        self.daemon.wait_for_console(service_line('read device info: Orvane Phone Simulator 1280 720'))
         # 1280x720 into 1024x600: full width, 576 lines, centred; 1.25 both ways.
         x, y, w, h = place = (0, 12, 1024, 576)
         self.assertEqual({(p.size, p.place) for p in self.rig.wait_pictures(15)}, {((1280, 720), place)})
@@ -128,17 +125,13 @@ class Link(UsbCase):
         harness.wait_until(lambda: len(self.rig.controls()) >= len(expected), 20, 'the control messages')
         self.assertEqual(self.rig.controls(), expected)
 
-        # Hide: the pictures keep coming, none of them shown, and the screen goes black.
+        # Hide: the screen goes black (the pictures keep coming unseen, as the storm checks); a start while
+        # streaming shows the picture again, without adb.
         self.request(6)
         self.monitor.wait_for(LINK_USB, 6)
         self.rig.wait_snapshot(lambda s: s.all_black(), 'all black')
-        hidden = len(self.rig.pictures())
-        self.rig.wait_pictures(5, since=hidden, visible=False)
-        self.assertFalse(any(p.visible for p in self.rig.pictures()[hidden:]))
-        # A start while streaming shows the picture again, without adb.
         self.request(3)
         self.monitor.wait_for(LINK_USB, 4, since=2)
-        self.rig.wait_pictures(3, since=len(self.rig.pictures()))
         self.rig.wait_snapshot(lambda s: s.colour(170, 250) == 'red', 'with the picture again')
         self.assertEqual(self.rig.adb_calls(), ADB_CALLS)
         self.assertEqual(self.monitor.all(), [(LINK_USB, 4), (LINK_USB, 6), (LINK_USB, 4)])
@@ -174,16 +167,12 @@ class Link(UsbCase):
         self.start_usb_daemon(fb='800x480', events='close-control@15,eos@240')
         self.start_link()
         stop, errors = threading.Event(), []
+        calls = [('requestTouchAction', ('uint32', kind), ('uint32', x), ('uint32', 300))
+                 for kind, x in ((1, 300), (2, 500), (3, 700))] + [('requestKeyValue', ('int32', 2))]
 
-        def drag():  # an HMI dragging a finger across the picture, and pressing back
-            for n in range(0, 1 << 30, 7):
-                for method, *args in [('requestTouchAction', ('uint32', kind), ('uint32', x), ('uint32', 300))
-                                      for kind, x in ((1, 300), (2, 300 + n % 400), (3, 700))] + \
-                                     [('requestKeyValue', ('int32', 2))]:
-                    rc, _, err = harness.raw_call(self.bus, method, *args)
-                    errors.extend([err] if rc else [])
-                if stop.is_set():
-                    return
+        def drag():  # an HMI dragging a finger across the picture and pressing back, until the link ends
+            while not stop.is_set():
+                errors.extend(err for rc, _, err in (harness.raw_call(self.bus, *call) for call in calls) if rc)
 
         dragger = threading.Thread(target=drag)
         dragger.start()
@@ -195,10 +184,6 @@ class Link(UsbCase):
         console = self.assert_link_ended(0)
         self.assertEqual(errors, [])
         self.assertEqual({(p.size, p.place) for p in self.rig.pictures()}, {((1280, 720), (0, 16, 800, 448))})
-        self.assertNotEqual(self.rig.controls(), [], 'touches before the close reach the phone')
-        self.assertLessEqual({m['type'] for m in self.rig.controls()}, {'touch', 'keycode'})
-        self.assertLess(self.rig.sim_lines().index('closing the control connection at frame 15'),
-                        self.rig.sim_lines().index('end of stream sent at frame 240'))
         after_close = console[console.index('Receiver stopped'):console.index('Video stream stopped')]
         self.assertRegex(after_close, '(?m)' + service_line('requestKeyValue 2'), 'no input while the video went on')
         self.assertLess(console.index('Video stream stopped'), console.index('exit Mirror link!'))
@@ -211,20 +196,14 @@ class Link(UsbCase):
                             's.close()";; esac\nexec %s "$@"\n' % harness.binary('fake-adb'))
         hung = write_script(self.tmp.file('hanging-adb'), 'case "$1" in push) exec sleep 600;; esac\nexec %s "$@"\n'
                             % harness.binary('fake-adb'))
-        adb = '/usr/bin/adb'  # no phone attached; the daemon ends the adb server it started, keys in our dir
-        real = {'adb': adb, 'ORVANE_ADB_DEVICES_COMMAND': adb + ' devices', 'HOME': self.tmp.path,
-                'ORVANE_ADB_KILL_COMMAND': '%s kill-server; echo "%s"' % (adb, harness.UsbRig.ADB_KILL_TRACE)}
-        rows = [  # rig options, the service's line, the lower layer's reason, OTG switches, fake-adb calls
-            ({'ORVANE_HOST_FAULTS': 'fb-open'}, 'screen_init_rendering failed!', None, 0, []),
-            ({'adb': mute}, 'device_read_info failed!', r'^Could not retrieve device information$', 1, None),
+        rows = [  # rig options, the service's line, the lower layer's reason, OTG switches
+            ({'ORVANE_HOST_FAULTS': 'fb-open'}, 'screen_init_rendering failed!', None, 0),
+            ({'adb': mute}, 'device_read_info failed!', r'^Could not retrieve device information$', 1),
             ({'adb': hung, 'ORVANE_ADB_TIMEOUT_MS': '1500'}, 'startServer failed!',
-             r'^"adb push" did not finish within 1500 ms, killed$', 0, []),
-            (real, 'startServer failed!', r'^"adb push" returned with value 1$', 0, []),
+             r'^"adb push" did not finish within 1500 ms, killed$', 0),
         ]
-        for options, line, reason, otg_runs, adb_calls in rows:
+        for options, line, reason, otg_runs in rows:
             with self.subTest(line=line, reason=reason):
-                if options is real and not os.access(adb, os.X_OK):
-                    self.skipTest('no adb at ' + adb)
                 self.start_usb_daemon(**options)
                 self.request(3)
                 self.monitor.wait_for(LINK_USB, 5, timeout=90)
@@ -232,10 +211,6 @@ class Link(UsbCase):
                     self.daemon.wait_for_console(text)
                 self.assert_statuses([(LINK_USB, 5)])  # a start that never streamed ends without (2, 8)
                 self.assertEqual(self.shell_runs(self.daemon.console()), [otg_runs, 1])
-                if adb_calls is not None:
-                    self.assertEqual(self.rig.adb_calls(), adb_calls)
+                if 'ORVANE_HOST_FAULTS' in options:
+                    self.assertEqual(self.rig.adb_calls(), [], 'the screen is set up before adb is used')
                 self.assert_nothing_left()
-
-
-if __name__ == '__main__':
-    unittest.main()

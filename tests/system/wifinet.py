@@ -112,10 +112,10 @@ class WifiNet:
         """The phone's resolved `avahi-browse` entries of the mirroring type, once predicate(entries) holds."""
         def entries():
             r = subprocess.run(['ip', 'netns', 'exec', self.phone.ns, 'avahi-browse', '-rtp', SERVICE_TYPE],
-                               env=dict(os.environ, **self.phone.env()), capture_output=True, timeout=20)
-            if r.returncode != 0:
-                raise AssertionError('avahi-browse failed: ' + r.stderr.decode(errors='replace'))
-            found = parse_browse(r.stdout.decode(errors='replace'))
+                               env=dict(os.environ, **self.phone.env()), capture_output=True, timeout=20, check=True)
+            found = [{'name': f[3], 'address': f[7], 'port': int(f[8]), 'txt': dict(
+                item.partition('=')[::2] for item in re.findall(r'"((?:[^"\\]|\\.)*)"', ';'.join(f[9:])))}
+                for f in (line.split(';') for line in r.stdout.decode(errors='replace').splitlines() if line[:1] == '=')]
             return (found,) if predicate(found) else None
         return harness.wait_until(entries, timeout, 'the browse condition')[0]
 
@@ -135,21 +135,6 @@ class WifiNet:
         shutil.rmtree(self.dir, ignore_errors=True)
         if self in _open_nets:
             _open_nets.remove(self)
-
-
-def _unescape(text):
-    # avahi-browse -p writes separators and non-printable characters as \DDD (decimal).
-    return re.sub(r'\\(\d{3})', lambda m: chr(int(m.group(1))), text)
-
-
-def parse_browse(output):
-    entries = []
-    for parts in (line.split(';') for line in output.splitlines() if line.startswith('=')):
-        txt = dict(_unescape(item).partition('=')[::2]
-                   for item in re.findall(r'"((?:[^"\\]|\\.)*)"', ';'.join(parts[9:])))
-        entries.append({'interface': parts[1], 'name': _unescape(parts[3]), 'host': parts[6],
-                        'address': parts[7], 'port': int(parts[8]), 'txt': txt})
-    return entries
 
 
 @atexit.register
