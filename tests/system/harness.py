@@ -250,7 +250,7 @@ class Monitor:
     def wait_for(self, link_type, status, timeout=10, since=0):
         """Waits for (link_type, status) at or after index since; returns (time, type, status)."""
         return wait_until(lambda: next((e for e in self._events[since:] if e[1:] == (link_type, status)), None),
-                          timeout, lambda: 'status (%d, %d) after %d; seen: %s' % (link_type, status, since, self.all()))
+                          timeout, lambda: 'status (%d, %d) after %d in %s' % (link_type, status, since, self.all()))
 
     def close(self):
         kill_process(self.proc, grace=2, sig=signal.SIGINT)

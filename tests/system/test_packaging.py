@@ -42,13 +42,14 @@ class Packaging(unittest.TestCase):
         # nobody owns the name until a call activates the installed daemon, and then it answers.
         conf = tmp.file('session.conf')
         with open(harness.SESSION_CONF) as f, open(conf, 'w') as out:
-            out.write(f.read().replace('</busconfig>', '<servicedir>/usr/share/dbus-1/services</servicedir></busconfig>'))
+            out.write(f.read().replace('</busconfig>', '<servicedir>/usr/share/dbus-1/services</servicedir>'
+                                       '</busconfig>'))
         env = dict(os.environ, ORVANE_CONSOLE=tmp.file('console'), **harness.Daemon.default_env(tmp.path))
         bus = harness.PrivateBus(conf, {k: v for k, v in env.items() if k != 'DBUS_SESSION_BUS_ADDRESS'})
         self.addCleanup(bus.close)
         self.assertEqual(harness.request_link_status(bus, harness.LINK_USB, 6)[:2], (0, ''))
-        pid = int(harness.dbus_send(bus, '--dest=org.freedesktop.DBus', '/org/freedesktop/DBus',
-                                    'org.freedesktop.DBus.GetConnectionUnixProcessID', 'string:' + harness.SERVICE)[1].split()[-1])
+        pid = int(harness.dbus_send(bus, '--dest=org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.'
+                                    'GetConnectionUnixProcessID', 'string:' + harness.SERVICE)[1].split()[-1])
         self.assertEqual(os.readlink('/proc/%d/exe' % pid), '/usr/bin/orvaned')
         os.kill(pid, signal.SIGKILL)
         harness.wait_until(lambda: harness.end_orphans(0.1) is not None and not os.path.exists('/proc/%d' % pid),

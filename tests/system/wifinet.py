@@ -113,9 +113,10 @@ class WifiNet:
         def entries():
             r = subprocess.run(['ip', 'netns', 'exec', self.phone.ns, 'avahi-browse', '-rtp', SERVICE_TYPE],
                                env=dict(os.environ, **self.phone.env()), capture_output=True, timeout=20, check=True)
+            lines = r.stdout.decode(errors='replace').splitlines()
             found = [{'name': f[3], 'address': f[7], 'port': int(f[8]), 'txt': dict(
                 item.partition('=')[::2] for item in re.findall(r'"((?:[^"\\]|\\.)*)"', ';'.join(f[9:])))}
-                for f in (line.split(';') for line in r.stdout.decode(errors='replace').splitlines() if line[:1] == '=')]
+                for f in (line.split(';') for line in lines if line.startswith('='))]
             return (found,) if predicate(found) else None
         return harness.wait_until(entries, timeout, 'the browse condition')[0]
 
