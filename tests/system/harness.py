@@ -2,6 +2,7 @@
 the USB stand-ins. Every process started here is killed with its test, or at interpreter exit."""
 
 import atexit
+import collections
 import ctypes
 import json
 import os
@@ -323,23 +324,21 @@ class OrvaneTestCase(unittest.TestCase):
             console = daemon.console()
             m = re.search(r'ERROR: \w+Sanitizer|: runtime error: |WARNING: ThreadSanitizer', console)
             reports += [daemon.name] if m else []
-            for title, text in (('sanitizer report', console[m.start():][:8000] if m else ''),
-                                ('console', console[-4000:] if failed else '')):
-                if text:
-                    sys.stderr.write('\n--- %s of %s ---\n%s\n' % (title, daemon.name, text))
+            text = console[m.start():][:8000] if m else console[-4000:] if failed else ''
+            sys.stderr.write('\n--- %s of %s ---\n%s\n' % ('sanitizer report' if m else 'console', daemon.name, text)
+                             if text else '')
         left = end_orphans()
         sys.stderr.write('\nprocesses left behind by the daemon, now killed: %s\n' % left if left else '')
         assert not reports, 'sanitizer report on the console of ' + ', '.join(reports)
 
 
-class Picture:
-    """One line of the headless display's picture log: time, video size, placement, visibility."""
+Picture = collections.namedtuple('Picture', 'size place visible')
 
-    def __init__(self, line):
-        m = re.match(r'^\d+ (\d+)x(\d+) (-?\d+),(-?\d+),(\d+)x(\d+) ([01])$', line)
-        assert m, 'malformed picture log line %r' % line
-        v = [int(x) for x in m.groups()]
-        self.size, self.place, self.visible = tuple(v[:2]), tuple(v[2:6]), v[6] == 1
+
+def parse_pictures(text):
+    """The headless display's picture log: each latched picture's video size, placement and visibility."""
+    return [Picture((int(w), int(h)), (int(x), int(y), int(pw), int(ph)), v == '1') for w, h, x, y, pw, ph, v in
+            re.findall(r'^\d+ (\d+)x(\d+) (-?\d+),(-?\d+),(\d+)x(\d+) ([01])$', text, re.MULTILINE)]
 
 
 class UsbRig:
@@ -367,7 +366,7 @@ class UsbRig:
         return read_text(self.sim_log).splitlines()
 
     def pictures(self):
-        return [Picture(line) for line in read_text(self.framelog).splitlines()]
+        return parse_pictures(read_text(self.framelog))
 
     def controls(self):  # what phone-sim received, without the receive times
         records = [json.loads(line) for line in read_text(self.control_log).splitlines()]

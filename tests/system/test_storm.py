@@ -29,7 +29,7 @@ class Storm(UsbCase):
             data = f.read()
         data = data[:data.rfind(b'\n') + 1]
         self.offset += len(data)
-        return [harness.Picture(line) for line in data.decode().splitlines()]
+        return harness.parse_pictures(data.decode())
 
     def sample(self, figures):  # threads, descriptors and memory once the link's children have ended
         harness.wait_until(lambda: not harness.children_of(self.daemon.pid), 20, "the link's children to end")

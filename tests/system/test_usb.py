@@ -24,13 +24,6 @@ def service_line(text):  # a service log line whose items end with text
 SCREEN_STOPPED = service_line('exitLink  screen stoped')  # the last step of every teardown
 
 
-def write_script(path, text):
-    with open(path, 'w') as f:
-        f.write('#!/bin/sh\n' + text)
-    os.chmod(path, 0o755)
-    return path
-
-
 class UsbCase(harness.OrvaneTestCase):
     """A daemon wired to fake-adb and phone-sim (replacing the previous one), and checks links share."""
 
@@ -181,13 +174,14 @@ class Link(UsbCase):
         self.assertLess(console.index('Video stream stopped'), console.index('exit Mirror link!'))
 
     def test_start_failures_end_in_status_5_and_leave_nothing(self):
-        # A phone that connects both sockets and closes them without a byte; a push that never ends
-        # (exec: the hanging step is the adb process itself, as a stuck adb client would be).
-        mute = write_script(self.tmp.file('mute-phone-adb'), 'case "$*" in *app_process*) exec python3 -c "import '
-                            'socket\nfor s in [socket.create_connection((\'127.0.0.1\', 27555)) for _ in (0, 1)]: '
-                            's.close()";; esac\nexec %s "$@"\n' % harness.binary('fake-adb'))
-        hung = write_script(self.tmp.file('hanging-adb'), 'case "$1" in push) exec sleep 600;; esac\nexec %s "$@"\n'
-                            % harness.binary('fake-adb'))
+        # A phone that connects both sockets and closes them without a byte; a push that never ends (exec:
+        # the hanging step is the adb process itself, as a stuck adb client would be).
+        mute, hung = self.tmp.file('mute-phone-adb'), self.tmp.file('hanging-adb')
+        for path, case in ((mute, '*app_process*) exec python3 -c "import socket\nfor s in [socket.create_connection('
+                                  '(\'127.0.0.1\', 27555)) for _ in (0, 1)]: s.close()"'), (hung, 'push*) exec sleep 600')):
+            with open(path, 'w') as f:
+                f.write('#!/bin/sh\ncase "$*" in %s;; esac\nexec %s "$@"\n' % (case, harness.binary('fake-adb')))
+            os.chmod(path, 0o755)
         rows = [  # rig options, the service's line, the lower layer's reason, OTG switches
             ({'ORVANE_HOST_FAULTS': 'fb-open'}, 'screen_init_rendering failed!', None, 0),
             ({'adb': mute}, 'device_read_info failed!', r'^Could not retrieve device information$', 1),
