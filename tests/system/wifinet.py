@@ -38,11 +38,11 @@ def _fill(template, target, **values):
 
 class Side:
     """One end of the link: a namespace, its interface and address, its system bus (env() for its
-    DNS-SD clients), its avahi-daemon's configuration."""
+    DNS-SD clients), its avahi-daemon and that one's configuration."""
 
     def __init__(self, ns, interface, address, host_name):
         self.ns, self.interface, self.address, self.host_name = ns, interface, address, host_name
-        self.system_bus = self.avahi_conf = None
+        self.system_bus = self.avahi_conf = self.avahi = None
 
     def mac(self):
         """The interface's MAC address as the kernel reports it (from ip, not from sysfs)."""
@@ -92,7 +92,7 @@ class WifiNet:
         # `ip netns exec` gives each avahi-daemon a mount namespace of its own; a tmpfs there keeps
         # their pid files and sockets in /run/avahi-daemon apart.
         os.makedirs('/run/avahi-daemon', exist_ok=True)
-        self.spawn(['sh', '-c', AVAHI, 'sh', side.avahi_conf], env=side.env(), log=log, side=side)
+        side.avahi = self.spawn(['sh', '-c', AVAHI, 'sh', side.avahi_conf], env=side.env(), log=log, side=side)
         harness.wait_file(log, r'Server startup complete', 20)
 
     def spawn(self, argv, env=None, log=None, side=None):
