@@ -2,6 +2,7 @@
 the USB stand-ins. Every process started here is killed with its test, or at interpreter exit."""
 
 import atexit
+import collections
 import ctypes
 import json
 import os
@@ -43,15 +44,14 @@ def require_binaries(*names):
 
 
 def wait_until(predicate, timeout, what=None):
-    """Polls predicate until it returns something true, and returns that; at the time-out, fails
-    naming what, or without what returns the last value."""
+    """predicate's first true value; at the time-out its last value, or a failure naming what."""
     deadline = time.monotonic() + timeout
     while True:
         value = predicate()
-        if value or (what is None and time.monotonic() > deadline):
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError('%s: not within %s s' % (what, timeout))
+        if value or time.monotonic() > deadline:
+            if value or what is None:
+                return value
+            raise AssertionError('%s: not within %s s' % (what() if callable(what) else what, timeout))
         time.sleep(0.05)
 
 
@@ -68,8 +68,7 @@ def wait_file(path, regex, timeout=30):
     return wait_until(lambda: re.search(regex, read_text(path), re.MULTILINE), timeout, '%r in %s' % (regex, path))
 
 
-def spawn(argv, group=False, **kwargs):
-    """Popen, tracked for clean-up; group=True puts it in a process group of its own."""
+def spawn(argv, group=False, **kwargs):  # tracked for clean-up; group: in a process group of its own
     proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, start_new_session=group, **kwargs)
     proc.orvane_group = group
     _live.append(proc)
@@ -78,24 +77,18 @@ def spawn(argv, group=False, **kwargs):
 
 def kill_process(proc, group=False, grace=0.0, sig=signal.SIGTERM):
     """Ends proc (with its process group if asked): sig first when grace > 0, then SIGKILL; reaps."""
-    def send(s):
+    for s in ([sig] if grace > 0 and proc.poll() is None else []) + [signal.SIGKILL]:
         try:
             os.killpg(proc.pid, s) if group else proc.send_signal(s)
-        except (ProcessLookupError, PermissionError):
+            proc.wait(timeout=grace if s == sig else 10)
+        except (ProcessLookupError, PermissionError, subprocess.TimeoutExpired):
             pass
-    if grace > 0 and proc.poll() is None:
-        send(sig)
-        try:
-            proc.wait(timeout=grace)
-        except subprocess.TimeoutExpired:
-            pass
-    send(signal.SIGKILL)
     proc.wait(timeout=10)
     if proc in _live:
         _live.remove(proc)
 
 
-def _children_of(pid):
+def children_of(pid):  # zombies included
     try:
         return [int(p) for tid in os.listdir('/proc/%d/task' % pid)
                 for p in read_text('/proc/%d/task/%s/children' % (pid, tid)).split()]
@@ -103,8 +96,7 @@ def _children_of(pid):
         return []
 
 
-def _running_cmdline(pid):
-    """The command line of a running (not zombie) process, or None."""
+def running_cmdline(pid):  # None for a zombie or a process gone
     stat = read_text('/proc/%d/stat' % pid)
     if not stat or stat.rsplit(')', 1)[1].split()[0] == 'Z':
         return None
@@ -112,12 +104,12 @@ def _running_cmdline(pid):
 
 
 def reap_orphans(timeout=10, kill=False):
-    """Reaps our children that nothing here started (what daemons left behind) as they end, or kills
-    them; returns the command lines of those still running at the time-out, or of those killed."""
+    """Reaps (or kills) our children that nothing here started, what daemons left behind; returns the
+    command lines of those still running at the time-out, or of those killed."""
     deadline, killed = time.monotonic() + timeout, set()
     while True:
         ours = {proc.pid for proc in _live}
-        orphans = [(pid, _running_cmdline(pid)) for pid in _children_of(os.getpid()) if pid not in ours]
+        orphans = [(pid, running_cmdline(pid)) for pid in children_of(os.getpid()) if pid not in ours]
         for pid, cmdline in orphans:
             if cmdline is not None and kill:
                 killed.add(cmdline)
@@ -133,20 +125,12 @@ def end_orphans(timeout=5):
     return reap_orphans(timeout, kill=True)
 
 
-def descendants(pid):
-    """Every running process below pid: [(pid, command line)]."""
-    out, todo = [], [pid]
-    while todo:
-        for kid in _children_of(todo.pop()):
-            todo.append(kid)
-            cmdline = _running_cmdline(kid)
-            if cmdline is not None:
-                out.append((kid, cmdline))
-    return out
+def descendants(pid):  # [(pid, command line)] of every running process below pid
+    kids = [(kid, running_cmdline(kid)) for kid in children_of(pid)]
+    return [(kid, cmd) for kid, cmd in kids if cmd is not None] + sum((descendants(kid) for kid, _ in kids), [])
 
 
-def process_resources(pid):
-    """(threads, descriptors, resident kB) of a process."""
+def process_resources(pid):  # (threads, descriptors, resident kB)
     rss = re.search(r'^VmRSS:\s+(\d+)', read_text('/proc/%d/status' % pid), re.MULTILINE)
     return len(os.listdir('/proc/%d/task' % pid)), len(os.listdir('/proc/%d/fd' % pid)), int(rss.group(1))
 
@@ -177,7 +161,7 @@ class PrivateBus:
         self.proc = spawn(['dbus-daemon', '--config-file=' + config, '--address=unix:dir=' + self.directory,
                            '--print-address', '--nofork'], env=env, stdout=subprocess.PIPE,
                           stderr=subprocess.DEVNULL)
-        ready, _, _ = select.select([self.proc.stdout], [], [], timeout)
+        ready = select.select([self.proc.stdout], [], [], timeout)[0]
         self.address = self.proc.stdout.readline().decode().strip() if ready else ''
         if not self.address.startswith('unix:'):
             self.close()
@@ -194,8 +178,8 @@ class PrivateBus:
 
 
 class Daemon:
-    """The real orvaned on a private bus, its console in a file, kept hermetic by default_env (shell
-    commands only leave log lines); prefix is a command that execs it, such as `ip netns exec NS`."""
+    """The real orvaned on a private bus, its console in a file, its adb and shell commands harmless
+    (set through its documented variables); prefix is a command that execs it, such as `ip netns exec NS`."""
 
     def __init__(self, bus, workdir, env=None, name='orvaned', wait_ready=True, timeout=15, prefix=()):
         self.name, self.console_path = name, os.path.join(workdir, name + '.console')
@@ -209,44 +193,31 @@ class Daemon:
 
     @staticmethod
     def default_env(workdir):
-        os.makedirs(os.path.join(workdir, 'sysfs-net', 'wlan1'), exist_ok=True)
-        with open(os.path.join(workdir, 'sysfs-net', 'wlan1', 'address'), 'w') as f:
-            f.write('02:00:5e:10:00:01\n')
         env = {'ORVANE_%s_COMMAND' % name: 'echo %s >> %s/shell-commands.log' % (name, workdir)
                for name in ('ADB_DEVICES', 'OTG', 'ADB_KILL')}
         return dict(env, ADB=os.path.join(workdir, 'no-adb-configured'), ORVANE_HOST_DISPLAY='headless',
-                    ORVANE_SYSFS_NET=os.path.join(workdir, 'sysfs-net'),
                     ORVANE_HOST_CODEC_LOCK=os.path.join(workdir, 'codec.lock'))
 
     def console(self):
         return read_text(self.console_path)
 
-    def mark(self):
-        """A position in the console, for since=."""
+    def mark(self):  # a position in the console, for since=
         return len(self.console())
 
     def wait_for_console(self, regex, timeout=10, since=0):
         """Waits until regex (multi-line) matches the console after since; fails early if we exit."""
-        pattern = re.compile(regex, re.MULTILINE)
-        deadline = time.monotonic() + timeout
-        while True:
-            exited = self.proc.poll() is not None
-            m = pattern.search(self.console(), since)
-            if m:
-                return m
-            if exited or time.monotonic() > deadline:
-                raise AssertionError('%r not on the console of %s (exit status %s); tail:\n%s'
-                                     % (regex, self.name, self.proc.returncode, self.console()[-3000:]))
-            time.sleep(0.05)
+        found = lambda: re.compile(regex, re.MULTILINE).search(self.console(), since)
+        if wait_until(lambda: found() or self.proc.poll() is not None, timeout) and found():
+            return found()
+        raise AssertionError('%r not on the console of %s (exit status %s); tail:\n%s'
+                             % (regex, self.name, self.proc.returncode, self.console()[-3000:]))
 
     def assert_no_console(self, regex, since=0):
         m = re.search(regex, self.console()[since:], re.MULTILINE)
-        if m:
-            raise AssertionError('unexpected %r on the console of %s' % (m.group(0), self.name))
+        assert not m, 'unexpected %r on the console of %s' % (m and m.group(0), self.name)
 
     def stop(self):
-        # SIGKILL: SIGTERM only makes the daemon print its call stack.
-        kill_process(self.proc, group=True)
+        kill_process(self.proc, group=True)  # SIGKILL: SIGTERM only makes the daemon print its call stack
 
 
 class Monitor:
@@ -271,8 +242,7 @@ class Monitor:
             elif m:
                 self._events.append((time.monotonic(), int(m.group(1)), int(m.group(2))))
 
-    def all(self):
-        """[(type, status)] in arrival order."""
+    def all(self):  # [(type, status)] in arrival order
         return [event[1:] for event in list(self._events)]
 
     def count(self):
@@ -280,12 +250,8 @@ class Monitor:
 
     def wait_for(self, link_type, status, timeout=10, since=0):
         """Waits for (link_type, status) at or after index since; returns (time, type, status)."""
-        event = wait_until(lambda: next((e for e in self._events[since:] if e[1:] == (link_type, status)), None),
-                           timeout)
-        if not event:
-            raise AssertionError('status (%d, %d) not seen within %s s; seen: %s'
-                                 % (link_type, status, timeout, self.all()))
-        return event
+        return wait_until(lambda: next((e for e in self._events[since:] if e[1:] == (link_type, status)), None),
+                          timeout, lambda: 'status (%d, %d) after %d in %s' % (link_type, status, since, self.all()))
 
     def close(self):
         kill_process(self.proc, grace=2, sig=signal.SIGINT)
@@ -320,8 +286,7 @@ def request_link_status(bus, link_type, status, timeout=30):
 def interface_members(bus):
     """{member: (kind, [(arg name, type, direction)])} of the daemon's interface, from introspection."""
     rc, out, err = dbus_send(bus, '--dest=' + SERVICE, OBJECT_PATH, 'org.freedesktop.DBus.Introspectable.Introspect')
-    if rc != 0:
-        raise AssertionError('Introspect failed: ' + err)
+    assert rc == 0, 'Introspect failed: ' + err
     node = ElementTree.fromstring(out[out.find('<node'):out.rfind('>') + 1])
     return {m.get('name'): (m.tag, [(a.get('name'), a.get('type'), a.get('direction')) for a in m.findall('arg')])
             for iface in node.findall('interface') if iface.get('name') == INTERFACE for m in iface}
@@ -333,18 +298,13 @@ class OrvaneTestCase(unittest.TestCase):
 
     def setUp(self):
         require_binaries('orvaned')
-        self.tmp = TempDir()
-        self.addCleanup(self.tmp.close)
-        self.bus = PrivateBus()
-        self.addCleanup(self.bus.close)
-        self.daemons = []
-        self.addCleanup(self._stop_daemons)
+        self.tmp, self.bus, self.daemons = TempDir(), PrivateBus(), []
+        for cleanup in (self.tmp.close, self.bus.close, self._stop_daemons):
+            self.addCleanup(cleanup)
 
     def start_daemon(self, env=None, wait_ready=True, prefix=()):
         name = 'orvaned-%d' % (len(self.daemons) + 1) if self.daemons else 'orvaned'
-        self.daemons.append(Daemon(self.bus, self.tmp.path, env=env, name=name, wait_ready=False, prefix=prefix))
-        if wait_ready:
-            self.daemons[-1].wait_for_console(re.escape(READY_LINE), 15)
+        self.daemons.append(Daemon(self.bus, self.tmp.path, env=env, name=name, wait_ready=wait_ready, prefix=prefix))
         return self.daemons[-1]
 
     def start_monitor(self):
@@ -364,26 +324,21 @@ class OrvaneTestCase(unittest.TestCase):
             console = daemon.console()
             m = re.search(r'ERROR: \w+Sanitizer|: runtime error: |WARNING: ThreadSanitizer', console)
             reports += [daemon.name] if m else []
-            for title, text in (('sanitizer report', console[m.start():][:8000] if m else ''),
-                                ('console', console[-4000:] if failed else '')):
-                if text:
-                    sys.stderr.write('\n--- %s of %s ---\n%s\n' % (title, daemon.name, text))
+            text = console[m.start():][:8000] if m else console[-4000:] if failed else ''
+            sys.stderr.write('\n--- %s of %s ---\n%s\n' % ('sanitizer report' if m else 'console', daemon.name, text)
+                             if text else '')
         left = end_orphans()
-        if left:
-            sys.stderr.write('\nprocesses left behind by the daemon, now killed: %s\n' % left)
-        if reports:
-            raise AssertionError('sanitizer report on the console of ' + ', '.join(reports))
+        sys.stderr.write('\nprocesses left behind by the daemon, now killed: %s\n' % left if left else '')
+        assert not reports, 'sanitizer report on the console of ' + ', '.join(reports)
 
 
-class Picture:
-    """One line of the headless display's picture log: time, video size, placement, visibility."""
+Picture = collections.namedtuple('Picture', 'size place visible')
 
-    def __init__(self, line):
-        m = re.match(r'^\d+ (\d+)x(\d+) (-?\d+),(-?\d+),(\d+)x(\d+) ([01])$', line)
-        if not m:
-            raise AssertionError('malformed picture log line %r' % line)
-        v = [int(x) for x in m.groups()]
-        self.size, self.place, self.visible = tuple(v[:2]), tuple(v[2:6]), v[6] == 1
+
+def parse_pictures(text):
+    """The headless display's picture log: each latched picture's video size, placement and visibility."""
+    return [Picture((int(w), int(h)), (int(x), int(y), int(pw), int(ph)), v == '1') for w, h, x, y, pw, ph, v in
+            re.findall(r'^\d+ (\d+)x(\d+) (-?\d+),(-?\d+),(\d+)x(\d+) ([01])$', text, re.MULTILINE)]
 
 
 class UsbRig:
@@ -411,10 +366,9 @@ class UsbRig:
         return read_text(self.sim_log).splitlines()
 
     def pictures(self):
-        return [Picture(line) for line in read_text(self.framelog).splitlines()]
+        return parse_pictures(read_text(self.framelog))
 
-    def controls(self):
-        """The control messages phone-sim received, without their receive times."""
+    def controls(self):  # what phone-sim received, without the receive times
         records = [json.loads(line) for line in read_text(self.control_log).splitlines()]
         return [{k: v for k, v in r.items() if k != 't_ns'} for r in records]
 
@@ -425,23 +379,15 @@ class UsbRig:
             return pics if sum(p.visible == visible for p in pics) >= count else None
         return wait_until(enough, timeout, '%d pictures with visible=%s' % (count, visible))
 
-    def wait_controls(self, count, timeout=20):
-        wait_until(lambda: len(self.controls()) >= count, timeout, '%d control messages' % count)
-        return self.controls()
-
     def wait_snapshot(self, predicate, what, timeout=30):
-        """Takes fresh snapshots until one satisfies predicate (one begun just before a change may
-        land after it); returns that snapshot."""
-        deadline = time.monotonic() + timeout
-        while True:
+        """The first fresh snapshot that satisfies predicate (one begun just before a change may land after it)."""
+        def fresh():
             if os.path.exists(self.snapshot):
                 os.unlink(self.snapshot)
-            wait_until(lambda: os.path.exists(self.snapshot), max(1, deadline - time.monotonic()), 'a new snapshot')
+            wait_until(lambda: os.path.exists(self.snapshot), 10, 'a new snapshot')
             shot = Snapshot(self.snapshot)
-            if predicate(shot):
-                return shot
-            if time.monotonic() > deadline:
-                raise AssertionError('no snapshot %s within %s s' % (what, timeout))
+            return shot if predicate(shot) else None
+        return wait_until(fresh, timeout, 'a snapshot ' + what)
 
 
 class Snapshot:
@@ -452,16 +398,11 @@ class Snapshot:
             self.width, self.height = struct.unpack('>II', f.read(24)[16:24])  # from the IHDR chunk
         self.raw = subprocess.run(['ffmpeg', '-v', 'error', '-i', path, '-f', 'rawvideo', '-pix_fmt', 'rgb24', '-'],
                                   capture_output=True, timeout=30, check=True).stdout
-        if len(self.raw) != self.width * self.height * 3:
-            raise AssertionError('snapshot decoded to %d bytes, not %dx%dx3' % (len(self.raw), self.width, self.height))
-
-    def pixel(self, x, y):
-        i = (y * self.width + x) * 3
-        return tuple(self.raw[i:i + 3])
+        assert len(self.raw) == self.width * self.height * 3, 'snapshot of %d bytes' % len(self.raw)
 
     def colour(self, x, y):
         """'red', 'green', 'blue', 'black' or 'other', with room for compression's drift."""
-        r, g, b = self.pixel(x, y)
+        r, g, b = self.raw[(y * self.width + x) * 3:][:3]
         if max(r, g, b) < 40:
             return 'black'
         for name, (hi, lo1, lo2) in (('red', (r, g, b)), ('green', (g, r, b)), ('blue', (b, r, g))):

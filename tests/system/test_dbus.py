@@ -2,7 +2,6 @@
 
 import re
 import signal
-import unittest
 
 import harness
 from harness import LINK_USB, LOG_PREFIX
@@ -19,11 +18,14 @@ HIDE_LOGGED = r'^' + LOG_PREFIX + r' OrvaneApp::requestLinkStatus 2 6 $'
 
 class Interface(harness.OrvaneTestCase):
 
-    def test_members_dispatcher_crash_report_and_second_instance(self):
+    def test_client_members_dispatcher_crash_report_and_second_instance(self):
+        # orvanectl: a request without the daemon exits 3, bad arguments 64 with the usage.
+        self.assertEqual(self.call('stop', timeout=20), (3, '', 'orvanectl: the mirror daemon (com.quorva.mirror) '
+                                                         'is not on the session bus\n'))
+        self.assertEqual(self.call('touch', 'press', '1', '4294967296')[0], 64)
         daemon = self.start_daemon()
         monitor = self.start_monitor()
         self.assertEqual(harness.interface_members(self.bus), MEMBERS)
-
         # Unknown link types leave no trace; a hide without a stream is echoed. Calls are handled in
         # order, so nothing may come before the hide's own line.
         since = daemon.mark()
@@ -46,24 +48,9 @@ class Interface(harness.OrvaneTestCase):
         monitor.wait_for(LINK_USB, 6, since=1)
         daemon.wait_for_console(HIDE_LOGGED, since=report.end())
 
+        # A second instance finds the name taken: the failure, then the bus's own message, and exit 1.
         second = self.start_daemon(wait_ready=False)
         self.assertEqual(second.proc.wait(timeout=15), 1)
         self.assertRegex(second.console(), r'(?m)^%s OrvaneApp init dbus: false \n%s "[^"\n]+.*" $'
-                         % (LOG_PREFIX, LOG_PREFIX))  # the failure, then the bus's own message
+                         % (LOG_PREFIX, LOG_PREFIX))
         self.assertIsNone(daemon.proc.poll())
-
-
-class Client(harness.OrvaneTestCase):
-
-    def test_without_the_daemon_requests_exit_3_and_bad_arguments_64(self):
-        not_on_bus = 'orvanectl: the mirror daemon (com.quorva.mirror) is not on the session bus\n'
-        for args in (('start', 'usb'), ('stop',), ('hide', 'wifi'), ('key', 'home'), ('touch', 'press', '1', '2')):
-            self.assertEqual(self.call(*args, timeout=20), (3, '', not_on_bus), args)
-        for args in ((), ('bogus',), ('start', 'bluetooth'), ('key', 'power'), ('touch', 'tap', '1', '2'),
-                     ('touch', 'press', '1', '4294967296'), ('--timeout', '0', 'stop')):
-            rc, out, err = self.call(*args)
-            self.assertEqual((rc, out, err[:16]), (64, '', 'usage: orvanectl'), args)
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -1,4 +1,4 @@
-"""What `cmake --install` lays out, and the Debian package's daemon started by D-Bus activation."""
+"""The Debian package: what it installs, and its daemon started by D-Bus activation."""
 
 import configparser
 import glob
@@ -10,74 +10,48 @@ import unittest
 
 import harness
 
-UNIT, ACTIVATION = 'lib/systemd/user/orvaned.service', 'share/dbus-1/services/com.quorva.mirror.service'
 
-
-def run(args, **kwargs):
-    r = subprocess.run(args, stdin=subprocess.DEVNULL, capture_output=True, timeout=300, **kwargs)
+def run(*args):
+    r = subprocess.run(args, stdin=subprocess.DEVNULL, capture_output=True, timeout=300)
     return r.returncode, r.stdout.decode(errors='replace') + r.stderr.decode(errors='replace')
-
-
-def section(path, name):
-    parser = configparser.ConfigParser(strict=False, interpolation=None)
-    parser.optionxform = str  # keys are case-sensitive
-    parser.read(path)
-    return dict(parser[name])
 
 
 class Packaging(unittest.TestCase):
 
-    def setUp(self):
-        harness.require_binaries('orvaned', 'orvanectl')
-        self.tmp = harness.TempDir('orvane-package-')
-        self.addCleanup(self.tmp.close)
-
-    def test_install_lays_out_the_daemon_client_unit_and_activation_file(self):
-        for prefix, stage in (('/usr', self.tmp.file('stage')), (self.tmp.file('other'), '')):
-            rc, out = run(['cmake', '--install', harness.BUILD_DIR, '--prefix', prefix], env=dict(os.environ, DESTDIR=stage))
-            self.assertEqual(rc, 0, out)
-            root, daemon = stage + prefix, prefix + '/bin/orvaned'  # the installed path, not the default prefix
-            self.assertTrue(all(os.access('%s/bin/%s' % (root, name), os.X_OK) for name in ('orvaned', 'orvanectl')))
-            self.assertEqual(section('%s/%s' % (root, ACTIVATION), 'D-BUS Service'),
-                             {'Name': harness.SERVICE, 'Exec': daemon, 'SystemdService': 'orvaned.service'})
-            unit = section('%s/%s' % (root, UNIT), 'Service')
-            self.assertEqual([unit.get(k) for k in ('Type', 'BusName', 'ExecStart', 'Restart')],
-                             ['dbus', harness.SERVICE, daemon, 'on-failure'])
-            # A stop ends the link first, then SIGINT the daemon (SIGTERM would only print a call stack).
-            self.assertEqual([unit.get(k) for k in ('ExecStop', 'KillSignal')],
-                             [prefix + '/bin/orvanectl --timeout 10 stop', 'SIGINT'])
-
     def test_package_installs_and_its_daemon_starts_by_activation(self):
-        if os.geteuid() != 0 or not shutil.which('cpack') or run(['dpkg-query', '-W', 'orvane'])[0] == 0:
+        harness.require_binaries('orvaned', 'orvanectl')
+        if os.geteuid() != 0 or not shutil.which('cpack') or run('dpkg-query', '-W', 'orvane')[0] == 0:
             self.skipTest('needs root and cpack, and the package orvane not installed already')
-        rc, out = run(['cpack', '-G', 'DEB', '--config', harness.BUILD_DIR + '/CPackConfig.cmake', '-B', self.tmp.path])
+        tmp = harness.TempDir('orvane-package-')
+        self.addCleanup(tmp.close)
+        rc, out = run('cpack', '-G', 'DEB', '--config', harness.BUILD_DIR + '/CPackConfig.cmake', '-B', tmp.path)
         self.assertEqual(rc, 0, out)
-        [deb] = glob.glob(self.tmp.file('orvane_*.deb'))
-        self.addCleanup(run, ['dpkg', '-r', 'orvane'])
-        rc, out = run(['dpkg', '-i', deb])
+        self.addCleanup(run, 'dpkg', '-r', 'orvane')
+        rc, out = run('dpkg', '-i', *glob.glob(tmp.file('orvane_*.deb')))
         self.assertEqual(rc, 0, out)
+        self.assertTrue(os.access('/usr/bin/orvanectl', os.X_OK))
+        # The user unit: a stop ends the link first, then SIGINT the daemon (SIGTERM only prints a call stack).
+        unit = configparser.ConfigParser(strict=False, interpolation=None)
+        unit.optionxform = str  # keys are case-sensitive
+        unit.read('/usr/lib/systemd/user/orvaned.service')
+        self.assertEqual([unit['Service'].get(k) for k in ('Type', 'BusName', 'ExecStart', 'Restart', 'ExecStop',
+                                                            'KillSignal', 'SendSIGKILL')],
+                         ['dbus', harness.SERVICE, '/usr/bin/orvaned', 'on-failure',
+                          '/usr/bin/orvanectl --timeout 10 stop', 'SIGINT', 'yes'])
 
-        # A session bus that activates from the installed services, passing a hermetic environment on.
-        conf = self.tmp.file('session.conf')
+        # A session bus that activates from the installed services, passing a hermetic environment on:
+        # nobody owns the name until a call activates the installed daemon, and then it answers.
+        conf = tmp.file('session.conf')
         with open(harness.SESSION_CONF) as f, open(conf, 'w') as out:
-            out.write(f.read().replace('</busconfig>', '<servicedir>/usr/share/dbus-1/services</servicedir></busconfig>'))
-        env = dict(os.environ, ORVANE_CONSOLE=self.tmp.file('console'), **harness.Daemon.default_env(self.tmp.path))
+            out.write(f.read().replace('</busconfig>', '<servicedir>/usr/share/dbus-1/services</servicedir>'
+                                       '</busconfig>'))
+        env = dict(os.environ, ORVANE_CONSOLE=tmp.file('console'), **harness.Daemon.default_env(tmp.path))
         bus = harness.PrivateBus(conf, {k: v for k, v in env.items() if k != 'DBUS_SESSION_BUS_ADDRESS'})
         self.addCleanup(bus.close)
-        # Nobody owns the name until this call activates the installed daemon; then it answers.
         self.assertEqual(harness.request_link_status(bus, harness.LINK_USB, 6)[:2], (0, ''))
-        rc, out, err = harness.dbus_send(bus, '--dest=org.freedesktop.DBus', '/org/freedesktop/DBus',
-                                         'org.freedesktop.DBus.GetConnectionUnixProcessID', 'string:' + harness.SERVICE)
-        self.assertEqual(rc, 0, err)
-        pid = int(out.split()[-1])
+        pid = int(harness.dbus_send(bus, '--dest=org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.'
+                                    'GetConnectionUnixProcessID', 'string:' + harness.SERVICE)[1].split()[-1])
         self.assertEqual(os.readlink('/proc/%d/exe' % pid), '/usr/bin/orvaned')
         os.kill(pid, signal.SIGKILL)
         harness.wait_until(lambda: harness.end_orphans(0.1) is not None and not os.path.exists('/proc/%d' % pid),
                            10, 'the activated daemon to end')
-        rc, out = run(['dpkg', '-r', 'orvane'])
-        self.assertEqual(rc, 0, out)
-        self.assertFalse(os.path.exists('/usr/bin/orvaned'))
-
-
-if __name__ == '__main__':
-    unittest.main()

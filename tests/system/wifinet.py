@@ -1,12 +1,8 @@
 """A real Wi-Fi-like network for the system tests: the head unit's and the phone's network namespaces
 joined by a veth pair whose head-unit end is named wlan1, each side with its own system bus and
 avahi-daemon, so the daemon's DNS-SD announcement travels as real mDNS and the phone resolves it.
-
-    net = wifinet.WifiNet()        # skips the test when not root or no `ip netns`
-    net.hu / net.phone             # Side: .ns, .interface, .address, .system_bus
-    net.spawn(argv, side=...)      # a process in a side's namespace, killed at close()
-    net.close()                    # also at interpreter exit if a test forgot
-"""
+WifiNet() skips the test when not root; net.hu and net.phone are the sides; net.spawn(argv, side=...)
+runs a process in a side's namespace until close() (also at interpreter exit)."""
 
 import atexit
 import json
@@ -15,33 +11,18 @@ import re
 import shutil
 import subprocess
 import tempfile
-import time
 import unittest
 
 import harness
 
 AVAHI_DIR = os.path.join(harness.HERE, 'avahi')
 SERVICE_TYPE = '_qvo_mirroring._tcp'
-
+AVAHI = ('mount -t tmpfs tmpfs /run/avahi-daemon && exec avahi-daemon -f "$1" '
+         '--no-drop-root --no-chroot --no-rlimits --no-proc-title')
 _open_nets = []
 
 
-def skip_reason():
-    """Why this machine cannot build the test network, or None."""
-    if os.geteuid() != 0:
-        return 'needs root for network namespaces'
-    for tool in ('ip', 'avahi-daemon', 'avahi-browse', 'dbus-daemon', 'mount'):
-        if shutil.which(tool) is None:
-            return tool + ' is not installed'
-    probe = 'orvprobe%d' % os.getpid()
-    r = subprocess.run(['ip', 'netns', 'add', probe], capture_output=True, timeout=10)
-    if r.returncode != 0:
-        return 'ip netns does not work here: ' + r.stderr.decode(errors='replace').strip()
-    subprocess.run(['ip', 'netns', 'del', probe], capture_output=True, timeout=10)
-    return None
-
-
-def _ip(*args):
+def ip(*args):
     r = subprocess.run(['ip'] + list(args), capture_output=True, timeout=10)
     if r.returncode != 0:
         raise RuntimeError('ip %s: %s' % (' '.join(args), r.stderr.decode(errors='replace').strip()))
@@ -51,33 +32,30 @@ def _ip(*args):
 def _fill(template, target, **values):
     with open(os.path.join(AVAHI_DIR, template)) as f:
         text = f.read()
-    for key, value in values.items():
-        text = text.replace('@%s@' % key, value)
     with open(target, 'w') as f:
-        f.write(text)
+        f.write(re.sub(r'@(\w+)@', lambda m: values[m.group(1)], text))
 
 
 class Side:
-    """One end of the link: a namespace, its interface and address, its system bus."""
+    """One end of the link: a namespace, its interface and address, its system bus (env() for its
+    DNS-SD clients), its avahi-daemon and that one's configuration."""
 
     def __init__(self, ns, interface, address, host_name):
         self.ns, self.interface, self.address, self.host_name = ns, interface, address, host_name
-        self.system_bus = None
+        self.system_bus = self.avahi_conf = self.avahi = None
 
     def mac(self):
         """The interface's MAC address as the kernel reports it (from ip, not from sysfs)."""
-        return json.loads(_ip('-n', self.ns, '-j', 'link', 'show', self.interface))[0]['address']
+        return json.loads(ip('-n', self.ns, '-j', 'link', 'show', self.interface))[0]['address']
 
     def env(self, extra=None):
-        """The environment for this side's DNS-SD clients."""
-        return dict({'DBUS_SYSTEM_BUS_ADDRESS': self.system_bus, 'AVAHI_COMPAT_NOWARN': '1'}, **(extra or {}))
+        return dict({'DBUS_SYSTEM_BUS_ADDRESS': self.system_bus}, **(extra or {}))
 
 
 class WifiNet:
     def __init__(self):
-        reason = skip_reason()
-        if reason:
-            raise unittest.SkipTest(reason)
+        if os.geteuid() != 0 or not all(shutil.which(t) for t in ('ip', 'avahi-daemon', 'avahi-browse', 'mount')):
+            raise unittest.SkipTest('needs root, ip, avahi-daemon, avahi-browse and mount')
         tag = '%d%03d' % (os.getpid() % 100000, len(_open_nets))
         self.dir = tempfile.mkdtemp(prefix='orvane-wifinet-')
         self._procs, self._namespaces = [], []
@@ -86,47 +64,43 @@ class WifiNet:
         _open_nets.append(self)
         try:
             for side in (self.hu, self.phone):
-                _ip('netns', 'add', side.ns)
+                try:
+                    ip('netns', 'add', side.ns)
+                except RuntimeError as e:
+                    raise unittest.SkipTest('ip netns does not work here: %s' % e)
                 self._namespaces.append(side.ns)
-                _ip('-n', side.ns, 'link', 'set', 'lo', 'up')
+                ip('-n', side.ns, 'link', 'set', 'lo', 'up')
             # Created directly inside the namespaces, so a real wlan1 of the machine is never touched.
-            _ip('link', 'add', self.hu.interface, 'netns', self.hu.ns, 'type', 'veth',
-                'peer', 'name', self.phone.interface, 'netns', self.phone.ns)
+            ip('link', 'add', self.hu.interface, 'netns', self.hu.ns, 'type', 'veth',
+               'peer', 'name', self.phone.interface, 'netns', self.phone.ns)
             for side in (self.hu, self.phone):
-                _ip('-n', side.ns, 'addr', 'add', side.address + '/24', 'dev', side.interface)
-                _ip('-n', side.ns, 'link', 'set', side.interface, 'multicast', 'on', 'up')
-            for side in (self.hu, self.phone):
-                self._start_avahi(side)
+                ip('-n', side.ns, 'addr', 'add', side.address + '/24', 'dev', side.interface)
+                ip('-n', side.ns, 'link', 'set', side.interface, 'multicast', 'on', 'up')
+                base = os.path.join(self.dir, side.ns)
+                os.makedirs(base)
+                _fill('system-bus.conf.in', base + '/system-bus.conf', SOCKET=base + '/system_bus_socket')
+                self.spawn(['dbus-daemon', '--config-file=' + base + '/system-bus.conf', '--nofork'])
+                side.system_bus, side.avahi_conf = 'unix:path=%s/system_bus_socket' % base, base + '/avahi.conf'
+                harness.wait_until(lambda: os.path.exists(base + '/system_bus_socket'), 10, 'system bus')
+                _fill('avahi-daemon.conf.in', side.avahi_conf, HOST_NAME=side.host_name, INTERFACE=side.interface)
+                self.start_avahi(side, base + '/avahi.log')
         except BaseException:
             self.close()
             raise
 
-    def _start_avahi(self, side):
-        base = os.path.join(self.dir, side.ns)
-        os.makedirs(base)
-        socket_path = os.path.join(base, 'system_bus_socket')
-        _fill('system-bus.conf.in', base + '/system-bus.conf', SOCKET=socket_path)
-        bus = self.spawn(['dbus-daemon', '--config-file=' + base + '/system-bus.conf', '--nofork'])
-        side.system_bus = 'unix:path=' + socket_path
-        harness.wait_until(lambda: os.path.exists(socket_path) or bus.poll() is not None, 10, 'system bus')
-        _fill('avahi-daemon.conf.in', base + '/avahi.conf', HOST_NAME=side.host_name, INTERFACE=side.interface)
+    def start_avahi(self, side, log):
         # `ip netns exec` gives each avahi-daemon a mount namespace of its own; a tmpfs there keeps
         # their pid files and sockets in /run/avahi-daemon apart.
         os.makedirs('/run/avahi-daemon', exist_ok=True)
-        script = ('mount -t tmpfs tmpfs /run/avahi-daemon && exec avahi-daemon -f "$1" '
-                  '--no-drop-root --no-chroot --no-rlimits --no-proc-title')
-        self.spawn(['sh', '-c', script, 'sh', base + '/avahi.conf'], env=side.env(), log=base + '/avahi.log',
-                   side=side)
-        harness.wait_file(base + '/avahi.log', r'Server startup complete', 20)
+        side.avahi = self.spawn(['sh', '-c', AVAHI, 'sh', side.avahi_conf], env=side.env(), log=log, side=side)
+        harness.wait_file(log, r'Server startup complete', 20)
 
     def spawn(self, argv, env=None, log=None, side=None):
         """argv (in side's namespace when given) in a process group of its own, output to log."""
-        if side is not None:
-            argv = ['ip', 'netns', 'exec', side.ns] + list(argv)
-        full_env = dict(os.environ, **(env or {}))
-        full_env.pop('DBUS_SESSION_BUS_ADDRESS', None)
+        full_env = {k: v for k, v in dict(os.environ, **(env or {})).items() if k != 'DBUS_SESSION_BUS_ADDRESS'}
         with open(log or os.devnull, 'ab') as out:
-            proc = harness.spawn(argv, group=True, env=full_env, stdout=out, stderr=subprocess.STDOUT)
+            proc = harness.spawn((['ip', 'netns', 'exec', side.ns] if side else []) + list(argv), group=True,
+                                 env=full_env, stdout=out, stderr=subprocess.STDOUT)
         self._procs.append(proc)
         return proc
 
@@ -134,24 +108,17 @@ class WifiNet:
     def stop(proc):
         harness.kill_process(proc, group=True, grace=5)
 
-    def browse(self):
-        """The phone's `avahi-browse -rtp` of the mirroring type, resolved entries as dicts."""
-        r = subprocess.run(['ip', 'netns', 'exec', self.phone.ns, 'avahi-browse', '-rtp', SERVICE_TYPE],
-                           env=dict(os.environ, **self.phone.env()), capture_output=True, timeout=20)
-        if r.returncode != 0:
-            raise AssertionError('avahi-browse failed: ' + r.stderr.decode(errors='replace'))
-        return parse_browse(r.stdout.decode(errors='replace'))
-
     def wait_browse(self, predicate, timeout=30):
-        """Browses until predicate(entries) holds; returns the entries."""
-        deadline = time.monotonic() + timeout
-        while True:
-            entries = self.browse()
-            if predicate(entries):
-                return entries
-            if time.monotonic() > deadline:
-                raise AssertionError('browse condition not met within %s s; last: %r' % (timeout, entries))
-            time.sleep(0.3)
+        """The phone's resolved `avahi-browse` entries of the mirroring type, once predicate(entries) holds."""
+        def entries():
+            r = subprocess.run(['ip', 'netns', 'exec', self.phone.ns, 'avahi-browse', '-rtp', SERVICE_TYPE],
+                               env=dict(os.environ, **self.phone.env()), capture_output=True, timeout=20, check=True)
+            lines = r.stdout.decode(errors='replace').splitlines()
+            found = [{'name': f[3], 'address': f[7], 'port': int(f[8]), 'txt': dict(
+                item.partition('=')[::2] for item in re.findall(r'"((?:[^"\\]|\\.)*)"', ';'.join(f[9:])))}
+                for f in (line.split(';') for line in lines if line.startswith('='))]
+            return (found,) if predicate(found) else None
+        return harness.wait_until(entries, timeout, 'the browse condition')[0]
 
     @staticmethod
     def listening(pid, port=27555):
@@ -169,24 +136,6 @@ class WifiNet:
         shutil.rmtree(self.dir, ignore_errors=True)
         if self in _open_nets:
             _open_nets.remove(self)
-
-
-def _unescape(text):
-    # avahi-browse -p writes separators and non-printable characters as \DDD (decimal).
-    return re.sub(r'\\(\d{3})', lambda m: chr(int(m.group(1))), text)
-
-
-def parse_browse(output):
-    entries = []
-    for line in output.splitlines():
-        parts = line.split(';')
-        if not line.startswith('=') or len(parts) < 10:
-            continue
-        txt = dict(_unescape(item).partition('=')[::2]
-                   for item in re.findall(r'"((?:[^"\\]|\\.)*)"', ';'.join(parts[9:])))
-        entries.append({'interface': parts[1], 'name': _unescape(parts[3]), 'host': parts[6],
-                        'address': parts[7], 'port': int(parts[8]), 'txt': txt})
-    return entries
 
 
 @atexit.register
