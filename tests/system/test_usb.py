@@ -70,6 +70,13 @@ class UsbCase(harness.OrvaneTestCase):
         """After since: (2, 8), the teardown in order (the OTG switch after the server stopped and before
         the stream is joined, the adb kill after the video buffer), each shell command once; nothing left."""
         self.monitor.wait_for(LINK_USB, 8, timeout=30, since=statuses_since)
+        console = self.assert_teardown(since)
+        self.assert_statuses([(LINK_USB, 4), (LINK_USB, 8)], since=statuses_since)
+        self.assert_nothing_left()
+        return console
+
+    def assert_teardown(self, since):
+        """The console after since holds a whole USB teardown, in order, each shell command once."""
         self.daemon.wait_for_console(SCREEN_STOPPED, since=since)
         console = self.daemon.console()[since:]
         order = ['Server terminated', self.rig.OTG_TRACE] + [service_line('exitLink  %s stoped' % step) for step in (
@@ -78,8 +85,6 @@ class UsbCase(harness.OrvaneTestCase):
                      for text in order]
         self.assertEqual(positions, sorted(positions), 'teardown out of order')
         self.assertEqual(self.shell_runs(console), [1, 1])
-        self.assert_statuses([(LINK_USB, 4), (LINK_USB, 8)], since=statuses_since)
-        self.assert_nothing_left()
         return console
 
 

@@ -149,15 +149,15 @@ class Wifi(UsbCase):
         self.announced(False, listening=True)
         self.start_wifi(expect=4)  # while streaming only shows the video again
 
-        # The link goes down: nothing arrives, so the reader's receive gives up after its 10 s; then 3 s
-        # for a phone to come back.
-        link = lambda state: wifinet.ip('-n', self.net.hu.ns, 'link', 'set', self.net.hu.interface, state)
+        # The phone vanishes (out of range: no FIN, no RST, whatever was in flight): TCP's own liveness
+        # ends the stream within its bound; then 3 s for a phone to come back.
+        link = lambda state: wifinet.ip('-n', self.net.phone.ns, 'link', 'set', self.net.phone.interface, state)
         self.addCleanup(link, 'up')
         mark, down = daemon.mark(), time.monotonic()
         link('down')
         daemon.wait_for_console(r'^Video stream stopped$', since=mark, timeout=60)
         stopped = time.monotonic()
-        self.assertGreaterEqual(stopped - down, 9.5)
+        self.assertLess(stopped - down, 20)
         self.assertGreaterEqual(monitor.wait_for(WIFI, 8, timeout=30)[0] - stopped, 2.5)
         daemon.assert_no_console('mirroring use new client connection|device_read_info', since=mark)
         self.net.stop(first)  # still writing into the dead link
