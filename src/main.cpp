@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 
@@ -75,6 +76,7 @@ int main(int argc, char** argv)
     {
         OrvaneService service;
         service.init();
+        Diagnostics diagnostics(&service);
         app.installEventFilter(&service);
         result = app.exec();
     }

@@ -8,6 +8,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 #include "service/shell_command.h"
@@ -21,6 +22,7 @@ constexpr int WIFI_RETRY_MS = 3000;
 void OrvaneService::exitLink()
 {
     logLine() << "exit Mirror link!" << connected << serverStarted;
+    diagnostics_link_ended();
 
     // The announcement goes first, so no phone finds a server that is about to close.
     if (dnssdRef != nullptr) {
@@ -110,6 +112,7 @@ void OrvaneService::timerEvent(QTimerEvent* event)
 
 void OrvaneService::reconnectStream()
 {
+    diagnostics_phone_connected(this);
     if (retryTimerId != 0) {
         killTimer(retryTimerId);
         retryTimerId = 0;
