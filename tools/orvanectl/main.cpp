@@ -6,12 +6,15 @@
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+#include <QDBusReply>
+#include <QElapsedTimer>
 #include <QDBusServiceWatcher>
 #include <QObject>
 #include <QSocketNotifier>
 #include <QStringList>
 #include <QTimer>
 #include <QVariant>
+#include <QVariantMap>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +25,16 @@ namespace {
 const char* const SERVICE = "com.quorva.mirror";
 const char* const PATH = "/com/quorva/mirror";
 const char* const INTERFACE = "Local.DbusServer.QVOMirror";
+const char* const DIAGNOSTICS_PATH = "/com/quorva/mirror/diagnostics";
+const char* const DIAGNOSTICS_INTERFACE = "com.quorva.mirror.Diagnostics1";
+
+// The figures in the order people read them; any other the daemon reports follows.
+const char* const FIGURES[] = {
+    "link_type",       "state",          "phone_name",     "picture_size",     "layer",
+    "frames_received", "frames_decoded", "pictures_shown", "frames_not_shown", "decode_errors",
+    "bytes_received",  "bitrate_kbps",   "decode_ms_p50",  "decode_ms_p99",    "last_frame_age_ms",
+    "reconnects",      "link_seconds",   "links_started",  "links_failed",     "uptime_seconds",
+    "rss_kb"};
 
 enum Exit {
     EXIT_OK = 0,
@@ -32,7 +45,7 @@ enum Exit {
 };
 
 const char USAGE[] =
-    "usage: orvanectl [--timeout SECONDS] [--wait-stream] COMMAND [ARGS]\n"
+    "usage: orvanectl [--timeout SECONDS] [--wait-stream] [--watch [SECONDS]] COMMAND [ARGS]\n"
     "\n"
     "commands:\n"
     "  start usb|wifi              start a link and print its statuses; returns on streaming (4),\n"
@@ -43,11 +56,15 @@ const char USAGE[] =
     "  touch press|move|release X Y  send a touch at X Y on the displayed picture\n"
     "  monitor                     print every status change as 'type status meaning' until\n"
     "                              interrupted (works before the daemon is up)\n"
+    "  stats [--watch [SECONDS]]   print the link's statistics as 'name value' lines; --watch\n"
+    "                              redraws them as a table with rates per second every SECONDS\n"
+    "                              (default 1) until interrupted\n"
     "\n"
     "options:\n"
     "  --timeout SECONDS           how long to wait for the daemon (default 60)\n"
     "  --wait-stream               start: keep waiting past 'starting' (a Wi-Fi link waits there\n"
     "                              for the phone)\n"
+    "  --watch [SECONDS]           stats: redraw until interrupted\n"
     "\n"
     "exit status: 0 done, 1 failed or ended, 2 timed out, 3 daemon not on the bus, 64 bad usage\n";
 
@@ -203,20 +220,28 @@ int run_start(QDBusConnection& bus, int type, bool waitStream, int timeoutSecond
     return QCoreApplication::exec();
 }
 
-int run_monitor(QDBusConnection& bus)
+// From here on SIGINT and SIGTERM end the event loop with EXIT_OK; null when that cannot be set up.
+QSocketNotifier* exit_on_stop_signals()
 {
-    StatusWatcher watcher(0, false);
     if (pipe(signal_pipe) != 0) {
         perror("orvanectl: pipe");
-        return EXIT_FAILED;
+        return nullptr;
     }
-    QSocketNotifier notifier(signal_pipe[0], QSocketNotifier::Read);
-    QObject::connect(&notifier, &QSocketNotifier::activated, [] { QCoreApplication::exit(EXIT_OK); });
+    auto* notifier = new QSocketNotifier(signal_pipe[0], QSocketNotifier::Read, QCoreApplication::instance());
+    QObject::connect(notifier, &QSocketNotifier::activated, [] { QCoreApplication::exit(EXIT_OK); });
     struct sigaction action = {};
     action.sa_handler = on_stop_signal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    return notifier;
+}
+
+int run_monitor(QDBusConnection& bus)
+{
+    StatusWatcher watcher(0, false);
+    if (!exit_on_stop_signals())
+        return EXIT_FAILED;
 
     if (!subscribe(bus, &watcher)) {
         fprintf(stderr, "orvanectl: cannot subscribe to onLinkStatusChange: %s\n",
@@ -233,6 +258,90 @@ int run_call(QDBusConnection& bus, const char* name, const QList<QVariant>& args
     if (reply.type() == QDBusMessage::ErrorMessage)
         return call_failed(QDBusError(reply));
     return EXIT_OK;
+}
+
+// The daemon's figures; the exit status of the call.
+int fetch_stats(QDBusConnection& bus, int timeoutSeconds, QVariantMap* figures)
+{
+    const QDBusMessage call =
+        QDBusMessage::createMethodCall(SERVICE, DIAGNOSTICS_PATH, DIAGNOSTICS_INTERFACE, "GetStatistics");
+    const QDBusReply<QVariantMap> reply = bus.call(call, QDBus::Block, timeoutSeconds * 1000);
+    if (!reply.isValid())
+        return call_failed(reply.error());
+    *figures = reply.value();
+    return EXIT_OK;
+}
+
+QStringList figure_names(const QVariantMap& figures)
+{
+    QStringList names;
+    for (const char* name : FIGURES)
+        if (figures.contains(name))
+            names << name;
+    for (const QString& name : figures.keys())
+        if (!names.contains(name))
+            names << name;
+    return names;
+}
+
+QString figure_text(const QVariant& value)
+{
+    if (value.userType() == QMetaType::Double)
+        return QString::number(value.toDouble(), 'f', 2);
+    const QString text = value.toString();
+    return text.isEmpty() ? QString("-") : text;
+}
+
+bool is_counter(const QVariant& value)
+{
+    return value.userType() == QMetaType::ULongLong;
+}
+
+int run_stats(QDBusConnection& bus, int timeoutSeconds)
+{
+    QVariantMap figures;
+    const int status = fetch_stats(bus, timeoutSeconds, &figures);
+    if (status != EXIT_OK)
+        return status;
+    for (const QString& name : figure_names(figures))
+        printf("%s %s\n", qPrintable(name), qPrintable(figure_text(figures[name])));
+    return EXIT_OK;
+}
+
+// A table redrawn every `seconds`, the counters with their rate since the last drawing.
+int run_watch(QDBusConnection& bus, int seconds, int timeoutSeconds)
+{
+    if (!exit_on_stop_signals())
+        return EXIT_FAILED;
+    const bool terminal = isatty(STDOUT_FILENO) != 0;
+    QVariantMap last;
+    QElapsedTimer sinceLast;
+    const auto draw = [&] {
+        QVariantMap figures;
+        const int status = fetch_stats(bus, timeoutSeconds, &figures);
+        if (status != EXIT_OK) {
+            QCoreApplication::exit(status);
+            return;
+        }
+        const double elapsed = sinceLast.isValid() ? sinceLast.restart() / 1000.0 : 0.0;
+        sinceLast.start();
+        printf(terminal ? "\033[H\033[2J" : "\n");
+        printf("%-18s %24s %12s\n", "figure", "value", "per second");
+        for (const QString& name : figure_names(figures)) {
+            const QVariant& value = figures[name];
+            QString rate = "";
+            if (is_counter(value) && last.contains(name) && elapsed > 0)
+                rate = QString::number((value.toULongLong() - last[name].toULongLong()) / elapsed, 'f', 1);
+            printf("%-18s %24s %12s\n", qPrintable(name), qPrintable(figure_text(value)), qPrintable(rate));
+        }
+        fflush(stdout);
+        last = figures;
+    };
+    QTimer timer;
+    QObject::connect(&timer, &QTimer::timeout, draw);
+    timer.start(seconds * 1000);
+    draw();
+    return QCoreApplication::exec();
 }
 
 // "usb" -> 2, "wifi" -> 243; an absent word means usb.
@@ -265,6 +374,7 @@ int main(int argc, char** argv)
 
     int timeoutSeconds = 60;
     bool waitStream = false;
+    int watchSeconds = 0;
     QStringList args;
     const QStringList all = app.arguments().mid(1);
     for (int i = 0; i < all.size(); ++i) {
@@ -284,6 +394,16 @@ int main(int argc, char** argv)
             timeoutSeconds = value.toInt(&ok);
             if (!ok || timeoutSeconds < 1 || timeoutSeconds > 86400)
                 return usage();
+        } else if (arg == "--watch") {
+            watchSeconds = 1;
+            bool ok = false;
+            const int seconds = i + 1 < all.size() ? all[i + 1].toInt(&ok) : 0;
+            if (ok) {
+                if (seconds < 1 || seconds > 3600)
+                    return usage();
+                watchSeconds = seconds;
+                ++i;
+            }
         } else if (arg == "-h" || arg == "--help") {
             fputs(USAGE, stdout);
             return EXIT_OK;
@@ -326,9 +446,11 @@ int main(int argc, char** argv)
             return usage();
         callName = "requestTouchAction";
         callArgs = {static_cast<uint>(action), x, y};
-    } else if (command != "monitor" || args.size() != 1) {
+    } else if ((command != "monitor" && command != "stats") || args.size() != 1) {
         return usage();
     }
+    if (watchSeconds != 0 && command != "stats")
+        return usage();
 
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
@@ -340,6 +462,9 @@ int main(int argc, char** argv)
         return run_monitor(bus);
     if (!bus.interface()->isServiceRegistered(SERVICE))
         return no_daemon();
+    if (command == "stats")
+        return watchSeconds != 0 ? run_watch(bus, watchSeconds, timeoutSeconds)
+                                 : run_stats(bus, timeoutSeconds);
     if (startType != 0)
         return run_start(bus, startType, waitStream, timeoutSeconds);
     return run_call(bus, callName, callArgs, timeoutSeconds);
