@@ -292,9 +292,11 @@ QString figure_text(const QVariant& value)
     return text.isEmpty() ? QString("-") : text;
 }
 
-bool is_counter(const QVariant& value)
+// The frame path's counters, whose rate is worth a column.
+bool has_rate(const QString& name)
 {
-    return value.userType() == QMetaType::ULongLong;
+    return name.startsWith("frames_") || name == "pictures_shown" || name == "decode_errors" ||
+           name == "bytes_received";
 }
 
 int run_stats(QDBusConnection& bus, int timeoutSeconds)
@@ -330,7 +332,7 @@ int run_watch(QDBusConnection& bus, int seconds, int timeoutSeconds)
         for (const QString& name : figure_names(figures)) {
             const QVariant& value = figures[name];
             QString rate = "";
-            if (is_counter(value) && last.contains(name) && elapsed > 0)
+            if (has_rate(name) && last.contains(name) && elapsed > 0)
                 rate = QString::number((value.toULongLong() - last[name].toULongLong()) / elapsed, 'f', 1);
             printf("%-18s %24s %12s\n", qPrintable(name), qPrintable(figure_text(value)), qPrintable(rate));
         }
