@@ -30,6 +30,12 @@ class UsbFigures(test_usb.UsbCase):
         second, elapsed = stats(self), time.monotonic() - start
         grown = int(second['frames_received']) - int(first['frames_received'])
         self.assertAlmostEqual(grown, 30 * elapsed, delta=10)  # about 60
+        # GetStatistics has every figure the properties have, read at its own time.
+        out = harness.dbus_send(self.bus, '--dest=' + harness.SERVICE, '/com/quorva/mirror/diagnostics',
+                                'com.quorva.mirror.Diagnostics1.GetStatistics')[1]
+        self.assertEqual(sorted(re.findall(r'dict entry\(\s*(\w+)', out)), sorted(second))
+        self.assertGreaterEqual(int(re.search(r'frames_received +variant +uint64 (\d+)', out).group(1)),
+                                int(second['frames_received']))
         n = {k: float(v) for k, v in second.items() if re.match(r'^-?[\d.]+$', v)}
         self.assertTrue(0 < n['pictures_shown'] <= n['frames_decoded'] <= n['frames_received'], second)
         self.assertTrue(0 < n['decode_ms_p50'] <= n['decode_ms_p99'] and n['bitrate_kbps'] > 0, second)
