@@ -22,6 +22,8 @@ TAIL_PID=""
 cleanup() {
   trap - EXIT INT TERM
   if [ -n "$DAEMON_PID" ] && kill -0 "$DAEMON_PID" 2>/dev/null; then
+    echo "demo: the link's statistics (orvanectl stats)"
+    timeout 20 "$BIN/orvanectl" stats | sed 's/^/  /' || true
     echo "demo: stopping the link"
     timeout 20 "$BIN/orvanectl" stop usb || true
     # SIGTERM only makes the daemon print its call stack; it is stopped for good with SIGKILL.
@@ -88,6 +90,7 @@ echo "demo: asking for the USB link"
 "$BIN/orvanectl" start usb --timeout 60
 if [ -n "$SNAPSHOT" ]; then
   echo "demo: no display reachable; the mirrored screen is written to $SNAPSHOT about once a second"
+  echo "demo: (the file keeps the last mirrored picture after the demo)"
 else
   echo "demo: the mirrored phone is shown in a window"
 fi

@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 
@@ -134,6 +135,7 @@ int main(int argc, char** argv)
     {
         OrvaneService service;
         service.init();
+        Diagnostics diagnostics(&service);
         app.installEventFilter(&service);
         QSocketNotifier* ending = nullptr;
         EndSignalWatch watch(&service);

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 
 #include "net/sock.h"
+#include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 #include "service/shell_command.h"
@@ -26,6 +27,7 @@ constexpr int WIFI_HEADER_TIMEOUT_MS = 10000;
 void OrvaneService::exitLink()
 {
     logLine() << "exit Mirror link!" << connected << serverStarted;
+    diagnostics_link_ended();
 
     // A grace period belongs to the link that started it: left running, it would end the next one.
     stopRetryTimer();
@@ -140,6 +142,7 @@ void OrvaneService::timerEvent(QTimerEvent* event)
 
 void OrvaneService::reconnectStream()
 {
+    diagnostics_phone_connected(this);
     stopRetryTimer();
     connected = true;
 

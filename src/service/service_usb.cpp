@@ -5,6 +5,7 @@
 #include "command.h"
 #include "net/sock.h"
 #include "server/adb.h"
+#include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 #include "service/shell_command.h"
@@ -34,6 +35,7 @@ void OrvaneService::startLink()
     char name[128];
     int size[2];
 
+    diagnostics_link_started(this, LINK_TYPE_USB);
     screen_init(&screen);
     if (!screen_init_rendering(&screen)) {
         failure = "screen_init_rendering failed!";

@@ -2,6 +2,7 @@
 #include <QString>
 #include <cstdio>
 
+#include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 
@@ -20,6 +21,7 @@ void OrvaneService::startWifiLink()
         return;
     }
 
+    diagnostics_link_started(this, LINK_TYPE_WIFI);
     screen_init(&screen);
     if (!screen_init_rendering(&screen)) {
         logLine() << "screen_init_rendering failed!";

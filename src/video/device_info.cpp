@@ -1,14 +1,24 @@
 #include "video/device_info.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
 #include "net/sock.h"
+
+namespace {
+
+std::mutex g_last_mutex;
+char g_last_name[DEVICE_NAME_FIELD];
+uint64_t g_reads = 0;
+
+} // namespace
 
 void device_info_parse(const uint8_t* record, char* name, int* size)
 {
@@ -72,5 +82,19 @@ bool device_read_info(int socket, char* name, int* size)
         return false;
     }
     device_info_parse(record, name, size);
+    std::lock_guard<std::mutex> lock(g_last_mutex);
+    std::memcpy(g_last_name, name, std::strlen(name) + 1);
+    ++g_reads;
     return true;
+}
+
+uint64_t device_info_last_name(char* name, size_t size)
+{
+    std::lock_guard<std::mutex> lock(g_last_mutex);
+    if (size > 0) {
+        const size_t length = std::min(std::strlen(g_last_name), size - 1);
+        std::memcpy(name, g_last_name, length);
+        name[length] = '\0';
+    }
+    return g_reads;
 }

@@ -12,6 +12,7 @@
 #include "platform/display.h"
 #include "service/log_line.h"
 #include "video/decoder.h"
+#include "video/stream_stats.h"
 #include "video/video_buffer.h"
 
 namespace {
@@ -147,7 +148,7 @@ bool screen_frame_due(uint32_t now, uint32_t last)
     return now - last > SCREEN_MIN_FRAME_MS;
 }
 
-int screen_render_frame(screen* s, video_buffer* buffer)
+int screen_render_frame(screen* s, video_buffer* buffer, stream_stats* stats)
 {
     if (s->fb == -1)
         return 0;
@@ -165,15 +166,23 @@ int screen_render_frame(screen* s, video_buffer* buffer)
 
     decode_output* out = buffer->output;
     out->count = 0;
-    MFCDecode(&buffer->mapped_address, out, buffer->new_stream ? 1 : 0, DECODER_INSTANCE);
+    const uint64_t decode_start = stats ? stream_stats_now_us() : 0;
+    const int result = MFCDecode(&buffer->mapped_address, out, buffer->new_stream ? 1 : 0, DECODER_INSTANCE);
+    if (stats)
+        stream_stats_decode(stats, stream_stats_now_us() - decode_start, result, out->count);
     if (buffer->new_stream)
         buffer->new_stream = false;
     if (out->count <= 0)
         return 1;
 
     const bool changed = screen_reset_layout(s, out->width, out->height);
-    if (!changed && !screen_frame_due(get_time_ms(), last_show_ms))
+    if (changed && stats)
+        stream_stats_layout(stats, out->width, out->height, s->x, s->y, s->display_width, s->display_height);
+    if (!changed && !screen_frame_due(get_time_ms(), last_show_ms)) {
+        if (stats)
+            stream_stats_bump(stats->frames_not_shown);
         return 1;
+    }
 
     const int count = out->count < DECODE_OUTPUT_MAX_PICTURES ? out->count : DECODE_OUTPUT_MAX_PICTURES;
     for (int i = 0; i < count; ++i) {
@@ -195,6 +204,12 @@ int screen_render_frame(screen* s, video_buffer* buffer)
         }
     }
     last_show_ms = get_time_ms();
+    if (stats) {
+        // Dark while the reveal delay runs or the HMI has hidden the video.
+        const bool lit =
+            s->show_requested.load(std::memory_order_relaxed) && !s->hidden.load(std::memory_order_relaxed);
+        stream_stats_bump(lit ? stats->pictures_shown : stats->frames_not_shown);
+    }
     return 1;
 }
 

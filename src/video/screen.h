@@ -6,6 +6,7 @@
 #include <cstdint>
 
 struct video_buffer;
+struct stream_stats;
 
 struct screen {
     // Read by the main thread (touch mapping) while the stream thread writes them.
@@ -33,7 +34,8 @@ void screen_close(screen* s);
 void screen_show_window(screen* s, bool show);
 void screen_set_hidden(screen* s, bool hide);
 bool screen_reset_layout(screen* s, int width, int height);
-int screen_render_frame(screen* s, video_buffer* buffer);
+// Decodes the buffer's frame and shows its picture; `stats`, when given, counts what happened.
+int screen_render_frame(screen* s, video_buffer* buffer, stream_stats* stats = nullptr);
 uint32_t get_time_ms();
 
 // Pictures closer than this to the last shown one are dropped (about 55 per second at most).

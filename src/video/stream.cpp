@@ -159,6 +159,8 @@ void StreamThread::run()
             break;
         }
 
+        stream_stats_frame(&s->stats, vb->length);
+
         // The phone paces itself on this byte: it is sent once the 90th frame is in, before that
         // frame is decoded.
         const uint32_t frames = g_frame_counter.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -170,7 +172,7 @@ void StreamThread::run()
                 break;
         }
 
-        screen_render_frame(vb->screen, vb);
+        screen_render_frame(vb->screen, vb, &s->stats);
     }
 
     std::puts("End of frames");

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "video/stream_stats.h"
+
 struct decoder;
 
 constexpr int STREAM_SOCKET_TCP = 1;
@@ -27,6 +29,8 @@ struct stream {
     // is a visible hand-over of the record and the buffer (the wait itself is inside Qt).
     std::atomic<bool> finished;
     bool spare;
+    // The link's figures; kept across the streams of one Wi-Fi link (stream_init leaves them).
+    stream_stats stats;
 };
 
 class StreamThread : public QThread

@@ -283,10 +283,13 @@ def request_link_status(bus, link_type, status, timeout=30):
     return raw_call(bus, 'requestLinkStatus', ('int32', link_type), ('int32', status), timeout=timeout)
 
 
-def interface_members(bus):
-    """{member: (kind, [(arg name, type, direction)])} of the daemon's interface, from introspection."""
-    rc, out, err = dbus_send(bus, '--dest=' + SERVICE, OBJECT_PATH, 'org.freedesktop.DBus.Introspectable.Introspect')
-    assert rc == 0, 'Introspect failed: ' + err
+def interface_members(bus, out=None):
+    """{member: (kind, [(arg name, type, direction)])} of the daemon's interface, from introspection
+    (or from the description out)."""
+    if out is None:
+        rc, out, err = dbus_send(bus, '--dest=' + SERVICE, OBJECT_PATH, 'org.freedesktop.DBus.Introspectable.Introspect')
+        if rc != 0:
+            raise AssertionError('Introspect failed: ' + err)
     node = ElementTree.fromstring(out[out.find('<node'):out.rfind('>') + 1])
     return {m.get('name'): (m.tag, [(a.get('name'), a.get('type'), a.get('direction')) for a in m.findall('arg')])
             for iface in node.findall('interface') if iface.get('name') == INTERFACE for m in iface}

@@ -3,6 +3,7 @@
 import configparser
 import glob
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -10,9 +11,29 @@ import unittest
 
 import harness
 
+INTERFACES = 'share/dbus-1/interfaces/'
+HMI_CLIENT = r'''#include <QCoreApplication>
+#include "hmi_proxy.h"
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    LocalDbusServerQVOMirrorInterface hmi("com.quorva.mirror", "/com/quorva/mirror", QDBusConnection::sessionBus());
+    QDBusPendingReply<> reply = hmi.requestLinkStatus(2, 6);
+    reply.waitForFinished();
+    return reply.isError() ? 1 : 0;
+}
+'''
+HMI_PROJECT = '''cmake_minimum_required(VERSION 3.16)
+project(hmi CXX)
+find_package(Qt@Q@ REQUIRED COMPONENTS DBus)
+qt@Q@_add_dbus_interface(PROXY @XML@ hmi_proxy)
+add_executable(hmi main.cpp ${PROXY})
+target_include_directories(hmi PRIVATE ${CMAKE_CURRENT_BINARY_DIR})
+target_link_libraries(hmi Qt@Q@::DBus)
+'''
 
-def run(*args):
-    r = subprocess.run(args, stdin=subprocess.DEVNULL, capture_output=True, timeout=300)
+def run(*args, env=None):
+    r = subprocess.run(args, stdin=subprocess.DEVNULL, capture_output=True, timeout=300, env=env)
     return r.returncode, r.stdout.decode(errors='replace') + r.stderr.decode(errors='replace')
 
 
@@ -55,3 +76,31 @@ class Packaging(unittest.TestCase):
         os.kill(pid, signal.SIGKILL)
         harness.wait_until(lambda: harness.end_orphans(0.1) is not None and not os.path.exists('/proc/%d' % pid),
                            10, 'the activated daemon to end')
+
+    def test_installed_interfaces_match_the_daemon_and_build_an_hmi_proxy(self):
+        harness.require_binaries('orvaned', 'orvanectl')
+        self.tmp = harness.TempDir('orvane-package-')
+        self.addCleanup(self.tmp.close)
+        stage = self.tmp.file('stage')
+        rc, out = run('cmake', '--install', harness.BUILD_DIR, '--prefix', '/usr', env=dict(os.environ, DESTDIR=stage))
+        self.assertEqual(rc, 0, out)
+        hmi, diagnostics = (stage + '/usr/' + INTERFACES + name + '.xml' for name in (harness.INTERFACE, 'com.quorva.mirror.Diagnostics1'))
+        bus = harness.PrivateBus()
+        self.addCleanup(bus.close)
+        daemon = harness.Daemon(bus, self.tmp.path)
+        self.addCleanup(daemon.stop)
+        with open(hmi) as f, open(diagnostics) as g:
+            described, properties = f.read(), re.findall(r'<property name="(\w+)"', g.read())
+        self.assertEqual(harness.interface_members(bus), harness.interface_members(bus, described))
+        self.assertEqual(sorted(properties), sorted(line.split()[0] for line in harness.call(bus, 'stats')[1].splitlines()))
+
+        # The HMI team's way in: a proxy generated from the installed file, built with moc, calling the daemon.
+        qt = '6' if re.search(r'^Qt6_DIR:PATH=/', harness.read_text(harness.BUILD_DIR + '/CMakeCache.txt'), re.M) else '5'
+        with open(self.tmp.file('main.cpp'), 'w') as f, open(self.tmp.file('CMakeLists.txt'), 'w') as g:
+            f.write(HMI_CLIENT)
+            g.write(HMI_PROJECT.replace('@Q@', qt).replace('@XML@', hmi))
+        for step in (['cmake', '-S', self.tmp.path, '-B', self.tmp.file('b')],
+                     ['cmake', '--build', self.tmp.file('b')], [self.tmp.file('b/hmi')]):
+            rc, out = run(*step, env=bus.env())
+            self.assertEqual(rc, 0, out)
+        daemon.wait_for_console(r'OrvaneApp::requestLinkStatus 2 6 $')

@@ -66,6 +66,10 @@ struct Layer {
     bool snapshot_forced = false;
     bool snapshot_dirty = false;
     Clock::time_point last_snapshot;
+    // What was on screen when the layer last went dark, for the snapshot left at the close: the
+    // screen hides the layer just before it closes it, and the file must keep the last picture.
+    AVFrame* last_lit = nullptr;
+    Placement last_lit_place;
 
     std::thread clock_thread;
     std::thread snapshot_thread;
@@ -224,11 +228,10 @@ void snapshot_main()
     std::unique_lock<std::mutex> lock(g_layer.mutex);
     for (;;) {
         const auto due = g_layer.last_snapshot + std::chrono::seconds(1);
+        const bool closing = g_layer.closing;
         const bool now_due =
-            g_layer.snapshot_forced || (g_layer.snapshot_dirty && (g_layer.closing || Clock::now() >= due));
+            closing || g_layer.snapshot_forced || (g_layer.snapshot_dirty && Clock::now() >= due);
         if (!now_due) {
-            if (g_layer.closing)
-                break;
             if (g_layer.snapshot_dirty)
                 g_layer.snapshot_cv.wait_until(lock, due);
             else
@@ -238,7 +241,11 @@ void snapshot_main()
         g_layer.snapshot_forced = g_layer.snapshot_dirty = false;
         const bool show = g_layer.visible && g_layer.latched.held;
         AVFrame* picture = show ? picture_clone(g_layer.latched.a[0]) : nullptr;
-        const Placement place = g_layer.place;
+        Placement place = g_layer.place;
+        if (!show && closing && g_layer.last_lit) {
+            picture = av_frame_clone(g_layer.last_lit);
+            place = g_layer.last_lit_place;
+        }
         const std::string path = g_layer.snapshot_path;
         const int w = g_layer.fb_width, h = g_layer.fb_height;
         lock.unlock();
@@ -246,6 +253,8 @@ void snapshot_main()
         av_frame_free(&picture);
         lock.lock();
         g_layer.last_snapshot = Clock::now();
+        if (closing)
+            break;
     }
 }
 
@@ -302,6 +311,7 @@ void display_close(int fd)
     drop(g_layer.pending);
     g_layer.has_pending = false;
     drop(g_layer.latched);
+    av_frame_free(&g_layer.last_lit);
     if (g_layer.framelog)
         fclose(g_layer.framelog);
     g_layer.framelog = nullptr;
@@ -338,6 +348,11 @@ extern "C" int tezapi_show_fb(int fb, int on)
     std::lock_guard<std::mutex> lock(g_layer.mutex);
     if (!valid_fb_locked(fb))
         return -1;
+    if (!g_layer.snapshot_path.empty() && g_layer.visible && !on && g_layer.latched.held) {
+        av_frame_free(&g_layer.last_lit);
+        g_layer.last_lit = picture_clone(g_layer.latched.a[0]);
+        g_layer.last_lit_place = g_layer.place;
+    }
     g_layer.visible = on != 0;
     if (!g_layer.snapshot_path.empty()) {
         g_layer.snapshot_forced = true;

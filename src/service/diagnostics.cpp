@@ -1,0 +1,220 @@
+#include "service/diagnostics.h"
+
+#include <QDBusConnection>
+#include <QMetaProperty>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "service/orvane_service.h"
+#include "video/device_info.h"
+#include "video/stream_stats.h"
+
+namespace {
+
+const auto g_process_start = std::chrono::steady_clock::now();
+
+// What the stream's own record does not know about the link; main thread only.
+struct LinkRecord {
+    int type = 0;
+    uint64_t started_ms = 0;
+    uint64_t ended_ms = 0; // 0 while the link lasts
+    unsigned reconnects = 0;
+    uint64_t name_reads = 0; // device records read before the link began
+    unsigned links_started = 0;
+    unsigned links_failed = 0;
+};
+LinkRecord g_link;
+
+uint64_t now_ms()
+{
+    return stream_stats_now_us() / 1000u;
+}
+
+} // namespace
+
+void diagnostics_link_started(OrvaneService* service, int type)
+{
+    // No stream thread runs at a link's start, so the reset has no concurrent writer.
+    stream_stats_reset(&service->stream.stats);
+    g_link.type = type;
+    g_link.started_ms = now_ms();
+    g_link.ended_ms = 0;
+    g_link.reconnects = 0;
+    g_link.name_reads = device_info_last_name(nullptr, 0);
+    ++g_link.links_started;
+}
+
+void diagnostics_phone_connected(const OrvaneService* service)
+{
+    if (service->streamRunning)
+        ++g_link.reconnects;
+}
+
+void diagnostics_link_ended()
+{
+    if (g_link.started_ms != 0 && g_link.ended_ms == 0)
+        g_link.ended_ms = now_ms();
+}
+
+Diagnostics::Diagnostics(const OrvaneService* service) : QObject(nullptr), service_(service)
+{
+    connect(service, &OrvaneService::onLinkStatusChange, this, [](int, int status) {
+        if (status == LINK_STATUS_FAILED)
+            ++g_link.links_failed;
+    });
+    QDBusConnection::sessionBus().registerObject(
+        DIAGNOSTICS_PATH, this, QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties);
+}
+
+QVariantMap Diagnostics::GetStatistics() const
+{
+    QVariantMap figures;
+    const QMetaObject* meta = metaObject();
+    for (int i = meta->propertyOffset(); i < meta->propertyCount(); ++i)
+        figures.insert(QString::fromLatin1(meta->property(i).name()), meta->property(i).read(this));
+    return figures;
+}
+
+int Diagnostics::linkType() const
+{
+    return g_link.type;
+}
+
+QString Diagnostics::state() const
+{
+    const OrvaneService& s = *service_;
+    if (s.streamRunning && s.connected)
+        return "streaming";
+    if (s.wifiMode && s.retryTimerId != 0)
+        return "grace"; // the phone dropped; its link waits for it to come back
+    if (s.wifiMode && s.serverStarted)
+        return "waiting"; // listening and announced, no phone yet
+    if (s.serverStarted || s.connected || s.streamRunning)
+        return "starting";
+    return "idle";
+}
+
+QString Diagnostics::phoneName() const
+{
+    char name[DEVICE_NAME_FIELD];
+    if (device_info_last_name(name, sizeof name) == g_link.name_reads)
+        return QString(); // no phone has introduced itself on this link
+    // A Wi-Fi phone's record opens with its magic word.
+    const bool magic = g_link.type == LINK_TYPE_WIFI && std::strncmp(name, "AFFA", 4) == 0;
+    return QString::fromUtf8(magic ? name + 4 : name);
+}
+
+QString Diagnostics::pictureSize() const
+{
+    const stream_stats& st = service_->stream.stats;
+    return QString("%1x%2")
+        .arg(st.picture_width.load(std::memory_order_relaxed))
+        .arg(st.picture_height.load(std::memory_order_relaxed));
+}
+
+QString Diagnostics::layer() const
+{
+    const stream_stats& st = service_->stream.stats;
+    return QString("%1,%2,%3,%4")
+        .arg(st.layer_x.load(std::memory_order_relaxed))
+        .arg(st.layer_y.load(std::memory_order_relaxed))
+        .arg(st.layer_width.load(std::memory_order_relaxed))
+        .arg(st.layer_height.load(std::memory_order_relaxed));
+}
+
+qulonglong Diagnostics::framesReceived() const
+{
+    return service_->stream.stats.frames_received.load(std::memory_order_relaxed);
+}
+
+qulonglong Diagnostics::framesDecoded() const
+{
+    return service_->stream.stats.frames_decoded.load(std::memory_order_relaxed);
+}
+
+qulonglong Diagnostics::picturesShown() const
+{
+    return service_->stream.stats.pictures_shown.load(std::memory_order_relaxed);
+}
+
+qulonglong Diagnostics::framesNotShown() const
+{
+    return service_->stream.stats.frames_not_shown.load(std::memory_order_relaxed);
+}
+
+qulonglong Diagnostics::decodeErrors() const
+{
+    return service_->stream.stats.decode_errors.load(std::memory_order_relaxed);
+}
+
+qulonglong Diagnostics::bytesReceived() const
+{
+    return service_->stream.stats.bytes_received.load(std::memory_order_relaxed);
+}
+
+uint Diagnostics::bitrateKbps() const
+{
+    return stream_stats_bitrate_kbps(&service_->stream.stats, now_ms());
+}
+
+double Diagnostics::decodeMsP50() const
+{
+    double p50 = 0, p99 = 0;
+    stream_stats_decode_ms(&service_->stream.stats, &p50, &p99);
+    return p50;
+}
+
+double Diagnostics::decodeMsP99() const
+{
+    double p50 = 0, p99 = 0;
+    stream_stats_decode_ms(&service_->stream.stats, &p50, &p99);
+    return p99;
+}
+
+qlonglong Diagnostics::lastFrameAgeMs() const
+{
+    const uint64_t last = service_->stream.stats.last_frame_ms.load(std::memory_order_relaxed);
+    return last == 0 ? -1 : static_cast<qlonglong>(now_ms() - last);
+}
+
+uint Diagnostics::reconnects() const
+{
+    return g_link.reconnects;
+}
+
+double Diagnostics::linkSeconds() const
+{
+    if (g_link.started_ms == 0)
+        return 0;
+    return ((g_link.ended_ms != 0 ? g_link.ended_ms : now_ms()) - g_link.started_ms) / 1000.0;
+}
+
+uint Diagnostics::linksStarted() const
+{
+    return g_link.links_started;
+}
+
+uint Diagnostics::linksFailed() const
+{
+    return g_link.links_failed;
+}
+
+qulonglong Diagnostics::uptimeSeconds() const
+{
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() -
+                                                            g_process_start)
+        .count();
+}
+
+qulonglong Diagnostics::rssKb() const
+{
+    unsigned long size = 0, resident = 0;
+    FILE* f = std::fopen("/proc/self/statm", "re");
+    if (f == nullptr)
+        return 0;
+    const int read = std::fscanf(f, "%lu %lu", &size, &resident);
+    std::fclose(f);
+    return read == 2 ? resident * static_cast<qulonglong>(sysconf(_SC_PAGESIZE)) / 1024 : 0;
+}
