@@ -269,6 +269,13 @@ def call(bus, *args, timeout=30):
     return _run([binary('orvanectl')] + [str(a) for a in args], bus.env(), timeout)
 
 
+def stats(bus):
+    """`orvanectl stats` as {name: value text}."""
+    rc, out, err = call(bus, 'stats')
+    assert rc == 0, err
+    return dict(line.split(' ', 1) for line in out.splitlines())
+
+
 def dbus_send(bus, *args, timeout=30):
     return _run(['dbus-send', '--session', '--print-reply=literal'] + list(args), bus.env(), timeout)
 

@@ -99,9 +99,12 @@ class Wifi(UsbCase):
         # The phone drops; a newcomer within the grace period carries the same link on.
         wait_file(self.tmp.file('first.log'), r'resetting at frame 150')
         mark = daemon.wait_for_console(r'^Video stream stopped$').end()
+        self.assertEqual(harness.stats(self.bus)['state'], 'grace')
         third, third_log = self.phone(log='third.log')
         daemon.wait_for_console(r'mirroring use new client connection, old socket:\d+, new socket:\d+!', since=mark)
         monitor.wait_for(WIFI, 4, since=2)
+        self.assertEqual([harness.stats(self.bus)[k] for k in ('state', 'reconnects', 'links_started')],
+                         ['streaming', '1', '1'])
         wait_file(third_log, r'^frame 120 ')  # well past the grace period
         self.more_pictures(30)
         daemon.assert_no_console('wait client retry connect timeout')
