@@ -137,9 +137,8 @@ def run_link(clip, size, work, touches=0):
     stamper.start()
     with usb_daemon(work, fps=PHONE_FPS, PHONE_SIM_CLIP=clip, PHONE_SIM_SIZE='%d:%d' % size,
                     PHONE_SIM_LOG=stamper.path, ORVANE_HOST_HZ=str(HZ)) as (rig, bus, daemon, monitor):
-        time.sleep(1.0)
-        result = {'mem_idle': memory_mib(daemon.pid)}
         link(bus, monitor, 3, 4)
+        result = {}
         time.sleep(1.0)  # past the first key frame and the codec's start-up
         cpu0, t0, mem = cpu_s(daemon.pid), time.monotonic_ns(), (0, 0, 0)
         end = time.monotonic() + SECONDS
@@ -241,9 +240,8 @@ def main():
         print('(decode CPU ms: the decoder alone, per frame, times the frames decoded per shown picture)')
         print()
         print('resident memory, MiB: anonymous + other shared (memfd areas) + file-backed (libraries)')
-        memory = [('idle (%s run)' % rows[0]['name'], rows[0]['mem_idle'])]
-        memory += [('streaming ' + r['name'], r['mem_stream']) for r in rows]
-        memory += [('after %d USB links' % n if n else 'idle before links', m) for n, m in sorted(cycles.items())]
+        memory = [('idle', cycles[0])] + [('streaming ' + r['name'], r['mem_stream']) for r in rows]
+        memory += [('after %d USB links' % n, m) for n, m in sorted(cycles.items()) if n]
         for label, m in memory:
             print('%-28s %7.1f + %5.1f + %5.1f = %7.1f' % ((label,) + m + (sum(m),)))
         ratios.append(('rss_%d_links_vs_first_link' % CYCLES, sum(cycles[1]) / sum(cycles[CYCLES])))
