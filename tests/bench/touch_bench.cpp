@@ -9,6 +9,7 @@
 #include <QDBusMessage>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
