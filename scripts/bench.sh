@@ -19,7 +19,9 @@ trap 'rm -f "$out"' EXIT
 # Each part's table now, its ratio lines gathered for the end.
 run() { "$@" | tee -a "$out" | grep -v '^ratio '; }
 
+# Other work on the machine shows in the load average: a run that starts or ends busy is worth repeating.
 echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ *//'), $(date -u +%Y-%m-%d)"
+echo "load average at the start: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo
 echo "== stream path throughput =="
 run "$BUILD_DIR/bench/stream_bench" 1280x720 1080x1920
@@ -27,4 +29,5 @@ echo
 echo "== running daemon: latency, CPU, touch and memory =="
 run python3 tests/bench/system_bench.py "$BUILD_DIR"
 echo
+echo "load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
 grep '^ratio ' "$out"
