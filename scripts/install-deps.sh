@@ -11,7 +11,7 @@ PKGS=(
   libavahi-compat-libdnssd-dev avahi-daemon avahi-utils libnss-mdns
   dbus dbus-bin dbus-daemon
   adb
-  libgtest-dev googletest libbenchmark-dev
+  libgtest-dev googletest
   iproute2 procps psmisc python3
 )
 

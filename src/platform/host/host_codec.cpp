@@ -64,25 +64,12 @@ void free_context_locked()
 
 bool open_context_locked()
 {
-    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_H264);
-    if (!codec) {
-        printf("MFCDecode: no H.264 decoder in libavcodec\n");
-        return false;
-    }
-    g_codec.context = avcodec_alloc_context3(codec);
+    g_codec.context = orvane_host::h264_decoder_open();
     g_codec.packet = av_packet_alloc();
     g_codec.frame = av_frame_alloc();
     if (!g_codec.context || !g_codec.packet || !g_codec.frame) {
-        printf("MFCDecode: out of memory\n");
-        free_context_locked();
-        return false;
-    }
-    // One access unit in, its picture out, on the calling thread: no frame threads, no reordering delay.
-    g_codec.context->thread_count = 1;
-    g_codec.context->flags |= AV_CODEC_FLAG_LOW_DELAY;
-    int err = avcodec_open2(g_codec.context, codec, nullptr);
-    if (err < 0) {
-        print_av_error("cannot open the H.264 decoder", err);
+        if (g_codec.context)
+            printf("MFCDecode: out of memory\n");
         free_context_locked();
         return false;
     }
@@ -158,6 +145,29 @@ int decode_locked(const decode_input& in, decode_output* out)
 }
 
 } // namespace
+
+AVCodecContext* orvane_host::h264_decoder_open()
+{
+    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_H264);
+    if (!codec) {
+        printf("MFCDecode: no H.264 decoder in libavcodec\n");
+        return nullptr;
+    }
+    AVCodecContext* context = avcodec_alloc_context3(codec);
+    if (!context) {
+        printf("MFCDecode: out of memory\n");
+        return nullptr;
+    }
+    // One access unit in, its picture out, on the calling thread: no frame threads, no reordering delay.
+    context->thread_count = 1;
+    context->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    const int err = avcodec_open2(context, codec, nullptr);
+    if (err < 0) {
+        print_av_error("cannot open the H.264 decoder", err);
+        avcodec_free_context(&context);
+    }
+    return context;
+}
 
 extern "C" int MFCTryLock(void)
 {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+struct AVCodecContext;
 struct AVFrame;
 struct SwsContext;
 
@@ -43,6 +44,10 @@ bool picture_retain(uint32_t a0);                            // false when no su
 void picture_release(uint32_t a0);
 AVFrame* picture_clone(uint32_t a0); // new reference or nullptr; caller frees with av_frame_free
 bool picture_size(uint32_t a0, int* width, int* height);
+
+// The codec's H.264 decoder, opened with the settings it decodes with (the benchmarks' baseline
+// opens the same); nullptr after printing why it cannot be opened.
+AVCodecContext* h264_decoder_open();
 
 // The display layer's life follows the emulated /dev/fb4 descriptor.
 bool display_open(int fd);
