@@ -7,6 +7,7 @@ import re
 import signal
 import tempfile
 import threading
+import time
 
 import harness
 from harness import LINK_USB
@@ -178,30 +179,40 @@ class Link(UsbCase):
         self.assertRegex(after_close, '(?m)' + service_line('requestKeyValue 2'), 'no input while the video went on')
         self.assertLess(console.index('Video stream stopped'), console.index('exit Mirror link!'))
 
-    def test_start_failures_end_in_status_5_and_leave_nothing(self):
-        # A phone that connects both sockets and closes them without a byte; a push that never ends (exec:
-        # the hanging step is the adb process itself, as a stuck adb client would be).
-        mute, hung = self.tmp.file('mute-phone-adb'), self.tmp.file('hanging-adb')
-        for path, case in ((mute, '*app_process*) exec python3 -c "import socket\nfor s in [socket.create_connection('
-                                  '(\'127.0.0.1\', 27555)) for _ in (0, 1)]: s.close()"'), (hung, 'push*) exec sleep 600')):
-            with open(path, 'w') as f:
-                f.write('#!/bin/sh\ncase "$*" in %s;; esac\nexec %s "$@"\n' % (case, harness.binary('fake-adb')))
-            os.chmod(path, 0o755)
+    def test_start_failures_end_in_status_5_within_their_bounds_and_leave_nothing(self):
+        # A push that never ends (exec: the hanging step is the adb process itself, as a stuck adb client).
+        hung = self.tmp.file('hanging-adb')
+        with open(hung, 'w') as f:
+            f.write('#!/bin/sh\ncase "$*" in push*) exec sleep 600;; esac\nexec %s "$@"\n' % harness.binary('fake-adb'))
+        os.chmod(hung, 0o755)
+        connect, info = 'connectToServer failed!', 'device_read_info failed!'
+        late, cut = r'^Server did not connect within 12000 ms$', r'^Could not retrieve device information$'
         rows = [  # rig options, the service's line, the lower layer's reason, OTG switches
             ({'ORVANE_HOST_FAULTS': 'fb-open'}, 'screen_init_rendering failed!', None, 0),
-            ({'adb': mute}, 'device_read_info failed!', r'^Could not retrieve device information$', 1),
             ({'adb': hung, 'ORVANE_ADB_TIMEOUT_MS': '1500'}, 'startServer failed!',
              r'^"adb push" did not finish within 1500 ms, killed$', 0),
+            # Phone-side servers that misbehave; a framebuffer size out of range is refused on the way.
+            ({'events': 'exit-at-launch', 'fb': '4294967312x16'}, connect,
+             r'^Server exited before connecting \(exit status 1\)$', 1),
+            ({'events': 'never-connect'}, connect, late, 1), ({'events': 'video-only'}, connect, late, 1),
+            ({'events': 'no-hello', 'FAKE_ADB_FAIL': 'reverse'}, connect, late, 1),
+            ({'events': 'info-bytes=0'}, info, cut, 1), ({'events': 'info-bytes=40'}, info, cut, 1),
+            ({'events': 'short-info'}, info, cut, 1),  # cut short and closed: never padded with zeros
         ]
         for options, line, reason, otg_runs in rows:
-            with self.subTest(line=line, reason=reason):
+            with self.subTest(line=line, options=options):
                 self.start_usb_daemon(**options)
+                began = time.monotonic()
                 self.request(3)
                 self.monitor.wait_for(LINK_USB, 5, timeout=90)
-                for text in filter(None, (reason, service_line(line), SCREEN_STOPPED)):
-                    self.daemon.wait_for_console(text)
-                self.assert_statuses([(LINK_USB, 5)])  # a start that never streamed ends without (2, 8)
+                self.assertLess(time.monotonic() - began, 15, "beyond the README's bound")
+                mark = self.daemon.wait_for_console(reason).end() if reason else 0
+                self.daemon.wait_for_console(service_line(line), since=mark)
+                self.daemon.wait_for_console(SCREEN_STOPPED)
+                self.assert_statuses([(LINK_USB, 5)])  # never streamed: no (2, 8); D-Bus answers at once
                 self.assertEqual(self.shell_runs(self.daemon.console()), [otg_runs, 1])
                 if 'ORVANE_HOST_FAULTS' in options:
                     self.assertEqual(self.rig.adb_calls(), [], 'the screen is set up before adb is used')
+                if 'fb' in options:
+                    self.assertIn('ORVANE_HOST_FB=4294967312x16 is not WIDTHxHEIGHT', self.daemon.console())
                 self.assert_nothing_left()
