@@ -57,7 +57,7 @@ cmake -S . -B build-qt6 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVANE_QT=6
 cmake --build build-qt6 -j "$JOBS"
 (cd tests/system && ORVANE_BUILD_DIR="$ROOT/build-qt6" python3 -m unittest test_dbus)
 
-# The ten-minute HMI storm runs once, in the stage above; under ASan it would double the run.
+# The HMI storm runs once, in the stage above; under ASan it would double the run.
 step "ASan+UBSan: unit and system tests"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=address >/dev/null
 cmake --build build-asan -j "$JOBS"

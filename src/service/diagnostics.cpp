@@ -7,6 +7,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "service/log_line.h"
 #include "service/orvane_service.h"
 #include "video/device_info.h"
 #include "video/stream_stats.h"
@@ -103,7 +104,8 @@ QString Diagnostics::phoneName() const
         return QString(); // no phone has introduced itself on this link
     // A Wi-Fi phone's record opens with its magic word.
     const bool magic = g_link.type == LINK_TYPE_WIFI && std::strncmp(name, "AFFA", 4) == 0;
-    return QString::fromUtf8(magic ? name + 4 : name);
+    // The phone's bytes end up on an integrator's terminal: printable ASCII only, as on the console.
+    return QString::fromStdString(console_text(magic ? name + 4 : name));
 }
 
 QString Diagnostics::pictureSize() const

@@ -1,11 +1,11 @@
-// A phone on the Wi-Fi port as the service adopts it: the input is everything the phone sends on
-// its connection (the 68-byte header with its magic, then the stream) before it closes. Each input
-// is one link, torn down at its end. The screen stays closed, so nothing is decoded.
+// A phone on the Wi-Fi port as the service adopts it: the input is all it sends (header, then stream)
+// before it closes; each input is one link, torn down at its end. The screen stays closed.
 #include <cstring>
 #include <fcntl.h>
 
 #include "fuzz_support.h"
 #include "service/orvane_service.h"
+#include "video/device_info.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -22,9 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     service->wifiMode = service->serverStarted = true;
     service->server.video_socket = phone.fds[0];
     service->reconnectStream();
-    // A header cut short by the close reads as complete, zeros for the missing bytes: only the
-    // magic decides. A refused phone takes the whole link down with its connection.
-    const bool header_ok = size >= 4 && memcmp(data, "AFFA", 4) == 0;
+    // The whole header with the magic, or the whole link goes down with the phone's connection.
+    const bool header_ok = size >= DEVICE_INFO_SIZE && memcmp(data, "AFFA", 4) == 0;
     const auto closed = [&] { return fcntl(phone.fds[0], F_GETFD) == -1; };
     check(header_ok == service->streamRunning);
     check(header_ok ||

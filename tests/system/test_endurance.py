@@ -1,9 +1,5 @@
-"""Many USB links in a row through one daemon as it ships: every start/stop cycle must give back what
-it took. Threads and descriptors come back exactly; resident memory after the last cycle stays within
-4 MB of what it was after the fifth, when a link's working set has been allocated once (a leak of 25 kB
-a cycle shows as 4.9 MB)."""
-
-import sys
+"""200 USB links in a row through one daemon as it ships: threads and descriptors come back exactly,
+resident memory stays within 4 MB of its value after the fifth link (a 25 kB leak a link fails)."""
 
 import harness
 from harness import LINK_USB
@@ -28,11 +24,8 @@ class Endurance(UsbCase):
                 # Counted once the event loop has deleted the joined threads' objects, or after 10 s.
                 harness.wait_until(lambda: harness.process_resources(self.daemon.pid)[:2] == self.idle[:2], 10)
                 figures[cycle] = harness.process_resources(self.daemon.pid)
-        sys.stderr.write('\nthreads, descriptors, resident kB: before %s, after %d cycles %s, after %d %s\n'
-                         % (self.idle, EARLY, figures[EARLY], CYCLES, figures[CYCLES]))
         self.assertEqual([figures[EARLY][:2], figures[CYCLES][:2]], [self.idle[:2]] * 2)
         if 'libasan' not in harness.read_text('/proc/%d/maps' % self.daemon.pid):  # ASan keeps freed memory
             self.assertLessEqual(figures[CYCLES][2] - figures[EARLY][2], RSS_SLACK_KB, figures)
         self.assertEqual(self.shell_runs(self.daemon.console())[0], CYCLES)
-        self.assertEqual(sum('app_process' in call for call in self.rig.adb_calls()), CYCLES)
         self.assert_nothing_left()

@@ -1,5 +1,4 @@
-"""The Debian package: what it installs, its interface descriptions, and its daemon started by D-Bus
-activation."""
+"""The Debian package: what it installs, its interface descriptions, its daemon started by activation."""
 
 import configparser
 import glob

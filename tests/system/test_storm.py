@@ -1,39 +1,29 @@
-"""A USB link at 60 pictures a second under a seeded storm of HMI requests (ORVANE_STORM_SECONDS, _SEED):
-each request gets exactly its statuses, the pictures keep coming as last asked, input reaches the phone,
-and each idle spell finds threads and descriptors as at start and resident memory flat after a minute."""
+"""A USB link at 60 pictures a second under a seeded storm of HMI requests (ORVANE_STORM_SECONDS,
+_SEED): exact statuses, pictures as last asked, nothing left at the end."""
 
 import os
 import random
 import subprocess
-import sys
 import time
 
 import harness
 from harness import LINK_USB
-from test_endurance import RSS_SLACK_KB
 from test_usb import UsbCase
 
 SECONDS = float(os.environ.get('ORVANE_STORM_SECONDS') or 300)
 SEED = int(os.environ.get('ORVANE_STORM_SEED') or 1)
-SAMPLE_EVERY = min(60.0, SECONDS / 5)
 PLACE = (0, 12, 1024, 576)  # 1280x720 fitted into the 1024x600 screen
 
 
 class Storm(UsbCase):
 
     def new_pictures(self):
-        """The picture log's lines since the last look: it grows too fast to re-read each time."""
         with open(self.rig.framelog, 'a+b') as f:
             f.seek(self.offset)
             data = f.read()
         data = data[:data.rfind(b'\n') + 1]
         self.offset += len(data)
         return harness.parse_pictures(data.decode())
-
-    def sample(self, figures):  # threads, descriptors and memory once the link's children have ended
-        harness.wait_until(lambda: not harness.children_of(self.daemon.pid), 20, "the link's children to end")
-        harness.wait_until(lambda: harness.process_resources(self.daemon.pid)[:2] == self.idle[:2], 10)
-        figures.append(harness.process_resources(self.daemon.pid))
 
     def test_request_storm_while_streaming(self):
         clip = self.tmp.file('clip.h264')
@@ -42,7 +32,7 @@ class Storm(UsbCase):
                         '-pix_fmt', 'yuv420p', '-f', 'h264', clip], check=True, timeout=120)
         self.start_usb_daemon(fps=60, PHONE_SIM_CLIP=clip)
         rng, self.offset, expected, controls, streaming = random.Random(SEED), 0, [], 0, False
-        figures, begin, kind = [], time.monotonic(), None
+        begin, kind = time.monotonic(), None
         while time.monotonic() - begin < SECONDS or streaming:
             time.sleep(rng.uniform(0.2, 1.0))
             seen = self.new_pictures()
@@ -65,8 +55,6 @@ class Storm(UsbCase):
                 self.new_pictures()  # latched before the request took effect
                 if kind == 'start':
                     self.assertEqual(len(self.rig.adb_calls()) == adb_calls, streaming, 'adb only for a new link')
-                if kind == 'stop' and streaming and len(figures) < (time.monotonic() - begin) // SAMPLE_EVERY:
-                    self.sample(figures)
                 streaming, shown = (True, True) if kind == 'start' else (streaming and kind != 'stop', kind != 'hide')
             else:
                 xy = [('uint32', rng.randint(1, 1022)), ('uint32', rng.randint(PLACE[1] + 1, PLACE[1] + PLACE[3] - 2))]
@@ -78,11 +66,5 @@ class Storm(UsbCase):
                 received = lambda: harness.read_text(self.rig.control_log).count('\n')
                 harness.wait_until(lambda: received() >= controls, 30)
                 self.assertEqual(received(), controls)
-        self.sample(figures)
-        sys.stderr.write('\nseed %d: threads, descriptors, resident kB at start %s, idle about every %.0f s %s\n'
-                         % (SEED, self.idle, SAMPLE_EVERY, figures))
         self.assert_statuses(expected)  # it still answers, and no late status came
-        self.assertEqual({f[:2] for f in figures}, {self.idle[:2]})
-        if 'libasan' not in harness.read_text('/proc/%d/maps' % self.daemon.pid):
-            self.assertLessEqual(max(f[2] for f in figures) - figures[0][2], RSS_SLACK_KB, figures)
         self.assert_nothing_left()

@@ -1,12 +1,10 @@
-"""The USB link end to end through the real daemon: fake-adb as adb, phone-sim as the phone with its
-live x264 pattern, the headless display's picture log and snapshots as the screen. Every way a link
-ends, or fails to start, ends in its status and leaves nothing behind."""
+"""The USB link end to end: fake-adb as adb, phone-sim as the phone, the headless display's picture
+log and snapshots as the screen. Every way a link ends or fails ends in its status, leaving nothing."""
 
 import os
 import re
 import signal
 import tempfile
-import threading
 import time
 
 import harness
@@ -113,10 +111,10 @@ class Link(UsbCase):
             (('touch', 'press', 512, 300), touch(0, 640, 360)), (('touch', 'move', 700, 400), touch(2, 875, 485)),
             (('touch', 'move', 512, 5), []),                        # on the bar above the picture: dropped
             (('touch', 'release', 512, 595), touch(1, 875, 485)),  # lifted off it: the last inside spot
-            (('touch', 'press', 1023, 300), []), (('requestTouchAction', 1, 1022, 586), touch(0, 1277, 717)),
-            (('requestTouchAction', 9, 100, 100), []), (('requestTouchAction', 3, 101, 101), touch(1, 126, 111)),
+            (('requestTouchAction', 1, 1022, 586), touch(0, 1277, 717)),
+            (('requestTouchAction', 3, 101, 101), touch(1, 126, 111)),  # the edge rules are unit-tested
             (('key', 'back'), key(4)), (('key', 'home'), key(3)), (('key', 'menu'), key(82)),
-            (('requestKeyValue', 7), []), (('requestKeyValue', 2), key(4)),
+            (('requestKeyValue', 2), key(4)),
         ]
         for args, _ in steps:
             kind = {'requestTouchAction': 'uint32', 'requestKeyValue': 'int32'}.get(args[0])
@@ -150,34 +148,6 @@ class Link(UsbCase):
                 os.kill(phone, signal.SIGKILL)
             console = self.assert_link_ended(mark, statuses)
             self.assertEqual('Video stream stopped' in console.split('exit Mirror link!')[0], end != 'stop 24')
-
-    def test_input_after_the_phone_closed_its_control_connection_and_end_of_stream(self):
-        # 1280x720 into 800x480: 450 lines, cut to the layer's multiple of 4 (448), centred. The phone
-        # closes its control connection at frame 15: video goes on, input fails quietly (no SIGPIPE
-        # death), until the phone's end of stream ends the link.
-        self.start_usb_daemon(fb='800x480', events='close-control@15,eos@240')
-        self.start_link()
-        stop, errors = threading.Event(), []
-        calls = [('requestTouchAction', ('uint32', kind), ('uint32', x), ('uint32', 300))
-                 for kind, x in ((1, 300), (2, 500), (3, 700))] + [('requestKeyValue', ('int32', 2))]
-
-        def drag():  # an HMI dragging a finger across the picture and pressing back, until the link ends
-            while not stop.is_set():
-                errors.extend(err for rc, _, err in (harness.raw_call(self.bus, *call) for call in calls) if rc)
-
-        dragger = threading.Thread(target=drag)
-        dragger.start()
-        try:
-            self.monitor.wait_for(LINK_USB, 8, timeout=60)
-        finally:
-            stop.set()
-            dragger.join(timeout=60)
-        console = self.assert_link_ended(0)
-        self.assertEqual(errors, [])
-        self.assertEqual({(p.size, p.place) for p in self.rig.pictures()}, {((1280, 720), (0, 16, 800, 448))})
-        after_close = console[console.index('Receiver stopped'):console.index('Video stream stopped')]
-        self.assertRegex(after_close, '(?m)' + service_line('requestKeyValue 2'), 'no input while the video went on')
-        self.assertLess(console.index('Video stream stopped'), console.index('exit Mirror link!'))
 
     def test_start_failures_end_in_status_5_within_their_bounds_and_leave_nothing(self):
         # A push that never ends (exec: the hanging step is the adb process itself, as a stuck adb client).

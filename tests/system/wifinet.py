@@ -1,8 +1,5 @@
-"""A real Wi-Fi-like network for the system tests: the head unit's and the phone's network namespaces
-joined by a veth pair whose head-unit end is named wlan1, each side with its own system bus and
-avahi-daemon, so the daemon's DNS-SD announcement travels as real mDNS and the phone resolves it.
-WifiNet() skips the test when not root; net.hu and net.phone are the sides; net.spawn(argv, side=...)
-runs a process in a side's namespace until close() (also at interpreter exit)."""
+"""Two network namespaces joined by a veth pair (head-unit end wlan1), each with its own system bus and
+avahi-daemon, so the announcement travels as real mDNS. Skips when not root."""
 
 import atexit
 import json

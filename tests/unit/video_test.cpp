@@ -1,7 +1,5 @@
-// The video path on the host platform with real H.264 pictures: the decoder's codec lock, the
-// video buffer's allocation, the video layer (placement, frame-rate cap, delayed reveal, vsync
-// pacing) and the stream reader thread over real sockets (how a TCP stream ends, rotation, the
-// acknowledge byte, UDP reassembly, and the guards that keep a hostile sender inside the buffer).
+// The video path on the host platform with real H.264 pictures: codec lock, buffer allocation, layer
+// placement and pacing, and the stream reader over real sockets with its guards against a hostile sender.
 #include <gtest/gtest.h>
 
 #include <cstring>
