@@ -22,8 +22,11 @@ OrvaneService::OrvaneService()
     controller.receiver.control_socket = -1;
 }
 
-// The service outlives every link; it neither tears a link down nor frees the size text here.
-OrvaneService::~OrvaneService() = default;
+// The service outlives every link, so it does not tear one down here; an end signal has done that.
+OrvaneService::~OrvaneService()
+{
+    free(mirrorSizeText);
+}
 
 int OrvaneService::init()
 {
