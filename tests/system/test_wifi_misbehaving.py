@@ -45,11 +45,11 @@ class Misbehaving(Wifi):
 
     def test_connection_events_of_an_ended_link_act_on_nothing(self):
         # Frozen while a phone connects and the HMI stops (or switches to USB), thawed: which reaches the
-        # main thread first is the scheduler's choice, so rounds go on until two connections came late.
+        # main thread first is the scheduler's choice, so rounds go on until a connection came late.
         self.begin()
         stale = lambda: self.daemon.console().count(STALE)
         for round_ in range(40):
-            if stale() >= 2:
+            if stale():
                 break
             request = (LINK_USB, 3) if round_ % 2 else (WIFI, 7)
             with self.subTest(round=round_, request=request):
@@ -73,4 +73,4 @@ class Misbehaving(Wifi):
                 self.assertFalse({(WIFI, 5), (LINK_USB, 5)} & set(self.monitor.all()[since:]))
                 self.assertFalse(self.net.listening(self.daemon.pid))
                 self.net.stop(phone)
-        self.assertGreaterEqual(stale(), 2, 'too few rounds handed a connection event in after its teardown')
+        self.assertTrue(stale(), 'no round handed a connection event in after its teardown')
