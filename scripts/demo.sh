@@ -2,7 +2,9 @@
 # The daemon's main job on any Linux machine: mirror the simulated USB phone onto the (host) screen.
 # Installs what is needed, builds, starts a private session bus, the daemon on the host platform with
 # the adb stand-in as its adb, asks for the USB link with orvanectl, and shows the mirrored phone until
-# interrupted (Ctrl-C), then stops the link and cleans up everything it started.
+# interrupted (Ctrl-C) or its window is closed, then stops the link and cleans up everything it started.
+# With a display the window is the phone's touchscreen: click and drag on the picture, Esc or
+# Backspace is back, Home is home, Menu or F2 opens the phone's menu.
 #   DEMO_SECONDS=N   stop by itself after N seconds (default: run until interrupted)
 #   ORVANE_HOST_DISPLAY=sdl|headless   force the presenter (default: a window when a display is reachable)
 set -euo pipefail
@@ -26,10 +28,10 @@ cleanup() {
     timeout 20 "$BIN/orvanectl" stats | sed 's/^/  /' || true
     echo "demo: stopping the link"
     timeout 20 "$BIN/orvanectl" stop usb || true
-    # SIGTERM only makes the daemon print its call stack; it is stopped for good with SIGKILL.
-    kill -KILL "$DAEMON_PID" 2>/dev/null || true
-    wait "$DAEMON_PID" 2>/dev/null || true
+    # SIGINT ends the daemon in order (SIGTERM would only make it print its call stack).
+    kill -INT "$DAEMON_PID" 2>/dev/null || true
   fi
+  [ -n "$DAEMON_PID" ] && wait "$DAEMON_PID" 2>/dev/null || true
   [ -n "$TAIL_PID" ] && kill "$TAIL_PID" 2>/dev/null || true
   [ -n "$BUS_PID" ] && kill "$BUS_PID" 2>/dev/null || true
   wait 2>/dev/null || true
@@ -72,27 +74,37 @@ if [ -z "${ORVANE_HOST_DISPLAY:-}" ]; then
   if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then ORVANE_HOST_DISPLAY=sdl; else ORVANE_HOST_DISPLAY=headless; fi
 fi
 export ORVANE_HOST_DISPLAY
-SNAPSHOT=""
-if [ "$ORVANE_HOST_DISPLAY" = headless ]; then
-  SNAPSHOT="${DEMO_SNAPSHOT:-/tmp/orvane-demo-screen.png}"
-  export ORVANE_HOST_SNAPSHOT="$SNAPSHOT"
-fi
+# The screen is also written to a PNG, so that a window that cannot be opened still leaves a picture.
+SNAPSHOT="${DEMO_SNAPSHOT:-/tmp/orvane-demo-screen.png}"
+export ORVANE_HOST_SNAPSHOT="$SNAPSHOT"
 
 touch "$ORVANE_CONSOLE"
 tail -n +1 -f "$ORVANE_CONSOLE" | sed -u 's/^/console: /' &
 TAIL_PID=$!
 
-"$BIN/orvaned" &
+# A session of its own: Ctrl-C reaches the demo, which then stops the link and the daemon in order.
+setsid "$BIN/orvaned" &
 DAEMON_PID=$!
 for _ in $(seq 100); do grep -q 'OrvaneApp init dbus: true' "$ORVANE_CONSOLE" && break; sleep 0.1; done
 
 echo "demo: asking for the USB link"
 "$BIN/orvanectl" start usb --timeout 60
-if [ -n "$SNAPSHOT" ]; then
-  echo "demo: no display reachable; the mirrored screen is written to $SNAPSHOT about once a second"
-  echo "demo: (the file keeps the last mirrored picture after the demo)"
+# The presenter says which it got: a window, or headless (no display, or one that cannot be opened).
+WINDOW=""
+if [ "$ORVANE_HOST_DISPLAY" = sdl ]; then
+  for _ in $(seq 100); do
+    if grep -q '^host display: window ' "$ORVANE_CONSOLE"; then WINDOW=yes; break; fi
+    grep -q '^host display: .*running headless' "$ORVANE_CONSOLE" && break
+    sleep 0.1
+  done
+fi
+if [ -n "$WINDOW" ]; then
+  echo "demo: the phone is shown in a window, which is its touchscreen:"
+  echo "demo:   click or drag on the picture to touch the phone; Esc or Backspace: back; Home: home;"
+  echo "demo:   Menu or F2: menu; closing the window stops the link and the daemon"
 else
-  echo "demo: the mirrored phone is shown in a window"
+  echo "demo: no window; the mirrored screen is written to $SNAPSHOT about once a second"
+  echo "demo: (the file keeps the last mirrored picture after the demo)"
 fi
 echo "demo: mirroring; press Ctrl-C to stop"
 if [ -n "${DEMO_SECONDS:-}" ]; then

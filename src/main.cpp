@@ -80,9 +80,9 @@ protected:
             return false;
         unsigned char sig = 0;
         if (read(g_end_pipe[0], &sig, 1) == 1) {
-            printf("Signal %d: ending the link and the daemon\n", sig);
-            service_->exitLink();
-            QCoreApplication::quit();
+            char why[32];
+            snprintf(why, sizeof why, "Signal %d", sig);
+            service_->endDaemon(why);
         }
         return true;
     }
@@ -137,6 +137,7 @@ int main(int argc, char** argv)
         service.init();
         Diagnostics diagnostics(&service);
         app.installEventFilter(&service);
+        service.watchDisplayInput();
         QSocketNotifier* ending = nullptr;
         EndSignalWatch watch(&service);
         if (install_end_signals()) {

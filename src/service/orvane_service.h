@@ -76,6 +76,11 @@ public:
     bool startServerForWifi();
     void stopRetryTimer();
 
+    // The display's own touches and keys (a PC's window) reach the phone like the HMI's; main thread.
+    void watchDisplayInput();
+    // Tears the link down and leaves the event loop (end signals, the window closed); main thread.
+    void endDaemon(const char* why);
+
     // Link state, public so that tests and the input path can read it.
     bool connected;
     bool serverStarted;

@@ -9,6 +9,7 @@
 #include <string>
 
 struct AVCodecContext;
+struct display_input;
 struct AVFrame;
 struct SwsContext;
 
@@ -53,6 +54,11 @@ AVCodecContext* h264_decoder_open();
 bool display_open(int fd);
 void display_close(int fd);
 
+// The window's input, handed to the main thread (presenter thread; never blocks). Touches and keys
+// are dropped here when ORVANE_HOST_INPUT=0; closing the window always counts.
+bool input_pointer_enabled();
+void input_push(const display_input& event);
+
 } // namespace orvane_host
 
 // Views for tests and tools.
@@ -80,8 +86,22 @@ struct Placement {
 bool snapshot_write(const std::string& path, int fb_width, int fb_height, const AVFrame* picture,
                     const Placement& place);
 
+// Where a framebuffer of fb_width x fb_height lands in a window of the given size: scaled to fit,
+// centred. Maps a point of the window to the framebuffer pixel under it (clamped to the
+// framebuffer, so a finger on the black margin still has a position).
+struct WindowView {
+    double scale = 1.0;
+    int x = 0; // the framebuffer's top-left corner in the window
+    int y = 0;
+    int fb_width = 0;
+    int fb_height = 0;
+};
+WindowView window_view(int window_width, int window_height, int fb_width, int fb_height);
+void window_to_fb(const WindowView& view, double wx, double wy, unsigned* fx, unsigned* fy);
+
 // A desktop window (or KMS/DRM screen) showing the layer; present() returns after the display's
-// refresh when the renderer is synchronised to it.
+// refresh when the renderer is synchronised to it. The window is also a touchscreen: present()
+// turns its pointer, finger and key events into display_input for the main thread.
 class SdlWindow
 {
 public:
@@ -94,6 +114,9 @@ public:
     ~SdlWindow() { close(); }
 
 private:
+    void take_events();
+    void touch(unsigned action, double wx, double wy);
+
     void* window_ = nullptr;
     void* renderer_ = nullptr;
     void* texture_ = nullptr;
@@ -101,6 +124,11 @@ private:
     int texture_h_ = 0;
     int refresh_hz_ = 60;
     bool inited_ = false;
+    int fb_width_ = 0;
+    int fb_height_ = 0;
+    bool pointer_ = false;  // touches and keys go to the phone
+    bool pressed_ = false;  // the mouse's left button or the first finger is down
+    long long finger_ = -1; // that finger's id, -1 for the mouse
     AVFrame* converted_ = nullptr;
     ::SwsContext* sws_ = nullptr;
 };
