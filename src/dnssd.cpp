@@ -6,7 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fstream>
+#include <net/if.h>
+#include <sys/stat.h>
+
+#include "platform/defaults.h"
 
 // glibc's assertion reporter; declared here because release builds define NDEBUG, and these checks
 // stay on in every build.
@@ -118,14 +123,67 @@ void dnssd_destroy(dnssd* d)
     free(d);
 }
 
+namespace {
+
+std::string read_word(const std::string& path)
+{
+    std::ifstream file(path);
+    std::string word;
+    file >> word;
+    return word;
+}
+
+// The interface that identifies the head unit on Wi-Fi when none is named: the first wireless one
+// (by interface index), else the first that is up and is not the loopback.
+std::string find_wifi_interface(const std::string& base)
+{
+    DIR* dir = opendir(base.c_str());
+    if (dir == nullptr)
+        return std::string();
+    std::string wireless, up;
+    long wireless_index = -1, up_index = -1;
+    while (dirent* entry = readdir(dir)) {
+        const std::string name = entry->d_name;
+        const std::string root = base + "/" + name;
+        const long index = std::strtol(read_word(root + "/ifindex").c_str(), nullptr, 10);
+        if (name[0] == '.' || index <= 0)
+            continue;
+        struct stat info;
+        if (stat((root + "/wireless").c_str(), &info) == 0 ||
+            stat((root + "/phy80211").c_str(), &info) == 0) {
+            if (wireless_index < 0 || index < wireless_index) {
+                wireless = name;
+                wireless_index = index;
+            }
+        }
+        const unsigned long flags = std::strtoul(read_word(root + "/flags").c_str(), nullptr, 16);
+        if ((flags & IFF_UP) != 0 && (flags & IFF_LOOPBACK) == 0 && (up_index < 0 || index < up_index)) {
+            up = name;
+            up_index = index;
+        }
+    }
+    closedir(dir);
+    return wireless.empty() ? up : wireless;
+}
+
+} // namespace
+
 std::string find_mac(bool wifi)
 {
     // ORVANE_SYSFS_NET lets a test or a desktop point at another network directory.
-    const char* base = getenv("ORVANE_SYSFS_NET");
-    std::string path = base != nullptr ? base : "/sys/class/net";
-    path += wifi ? "/wlan1/address" : "/usb0/address";
+    const char* base_env = getenv("ORVANE_SYSFS_NET");
+    const std::string base = base_env != nullptr ? base_env : "/sys/class/net";
+    std::string name = "usb0";
+    if (wifi) {
+        const char* named = getenv("ORVANE_WIFI_INTERFACE");
+        name = named != nullptr && named[0] != '\0' ? named : platform_default_settings().wifi_interface;
+        if (name.empty())
+            name = find_wifi_interface(base);
+        if (name.empty())
+            return std::string();
+    }
 
-    std::ifstream file(path);
+    std::ifstream file(base + "/" + name + "/address");
     if (!file.is_open())
         return std::string();
     std::string word;

@@ -31,5 +31,7 @@ int dnssd_register_mirroring(dnssd* d, uint16_t port, const char* width, const c
 void dnssd_unregister_mirroring(dnssd* d);
 void dnssd_destroy(dnssd* d);
 
-// MAC address text of the Wi-Fi (wlan1) or USB network (usb0) interface, or an empty text.
+// MAC address text of the Wi-Fi interface (ORVANE_WIFI_INTERFACE, else the platform's, else the first
+// wireless one, else the first one up) or of the USB network interface (usb0); an empty text when
+// there is none. Main thread.
 std::string find_mac(bool wifi);

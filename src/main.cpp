@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <execinfo.h>
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -12,34 +13,13 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include "base/console.h"
+#include "platform/defaults.h"
 #include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
 
 namespace {
-
-constexpr const char* DEFAULT_CONSOLE = "/dev/ttyS0";
-
-// All output goes to the serial console. ORVANE_CONSOLE names another file, or "-" to keep the
-// inherited streams. Both streams share one open file so lines land in the order written.
-void redirect_console()
-{
-    const char* console = getenv("ORVANE_CONSOLE");
-    if (console == nullptr || console[0] == '\0')
-        console = DEFAULT_CONSOLE;
-    if (strcmp(console, "-") != 0) {
-        fflush(stdout);
-        fflush(stderr);
-        const int fd = open(console, O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY | O_CLOEXEC, 0644);
-        if (fd >= 0) {
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            close(fd);
-        }
-    }
-    // A plain line and a log line written after it must reach the console in that order.
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-}
 
 // SIGINT, SIGHUP and SIGQUIT end the daemon the orderly way: the handler only wakes the event
 // loop, which tears the link down (layer off the car's screen, the phone's server ended) and
@@ -118,9 +98,70 @@ void install_exception_handler()
         sigaction(sig, &action, nullptr);
 }
 
+namespace {
+
+const char HELP[] =
+    "Usage: orvaned [--help | --version]\n"
+    "Mirror an Android phone's screen onto the head unit's display and send the driver's touches\n"
+    "and keys back to the phone.\n"
+    "\n"
+    "orvaned takes no other options. It registers com.quorva.mirror on the D-Bus session bus and\n"
+    "waits for the head unit's HMI (or orvanectl) to ask for a link: USB (type 2: the phone is\n"
+    "reached through adb) or Wi-Fi (type 243: the phone's app connects after a DNS-SD\n"
+    "announcement). SIGINT, SIGHUP and SIGQUIT end the link and the daemon in order.\n"
+    "\n"
+    "  -h, --help     print this help and exit\n"
+    "  -v, --version  print the version and exit\n"
+    "\n"
+    "Environment:\n"
+    "  ADB                         the adb tool (default: adb from the PATH)\n"
+    "  LINK_FULLSCREEN             1: landscape pictures fill the screen\n"
+    "  ORVANE_CONSOLE              where the output goes, - for the inherited streams (default: %s)\n"
+    "  ORVANE_ADB_DEVICES_COMMAND  shell command before a USB start (default: %s)\n"
+    "  ORVANE_OTG_COMMAND          shell command after a USB server stops (default: %s)\n"
+    "  ORVANE_ADB_KILL_COMMAND     shell command at the end of a USB teardown (default: %s)\n"
+    "  ORVANE_ADB_TIMEOUT_MS       limit of each adb step (default: 15000)\n"
+    "  ORVANE_WIFI_INTERFACE       the interface whose MAC address is announced (default: %s)\n"
+    "\n"
+    "The README (and orvanectl(1)) say more.\n";
+
+// --help and --version print and end; anything else is refused, since the daemon takes no options.
+// Returns -1 when the daemon is to run.
+int handle_arguments(int argc, char** argv)
+{
+    if (argc < 2)
+        return -1;
+    const std::string arg = argv[1];
+    if (argc == 2 && (arg == "--help" || arg == "-h")) {
+        const platform_defaults& d = platform_default_settings();
+        const auto none = [](const char* text) { return text[0] != '\0' ? text : "none"; };
+        printf(HELP, strcmp(d.console, "-") == 0 ? "the inherited streams" : d.console,
+               none(d.adb_devices_command), none(d.otg_command), none(d.adb_kill_command),
+               d.wifi_interface[0] != '\0' ? d.wifi_interface
+                                           : "the first wireless one, else the first one up");
+        return 0;
+    }
+    if (argc == 2 && (arg == "--version" || arg == "-v")) {
+        printf("orvaned %s\n", ORVANE_VERSION);
+        return 0;
+    }
+    fprintf(
+        stderr,
+        "orvaned: takes no options but --help and --version, got '%s'\nusage: orvaned [--help | --version]\n",
+        argv[argc == 2 ? 1 : 2]);
+    return 64;
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
-    redirect_console();
+    const int done = handle_arguments(argc, argv);
+    if (done >= 0)
+        return done;
+    // ORVANE_CONSOLE names another file, or "-" for the inherited streams.
+    const char* console = getenv("ORVANE_CONSOLE");
+    console_open(console != nullptr && console[0] != '\0' ? console : platform_default_settings().console);
     install_exception_handler();
     // A phone that goes away must end its link, not the daemon: writes to a dead socket return
     // EPIPE instead of raising SIGPIPE.

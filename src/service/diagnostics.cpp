@@ -25,6 +25,7 @@ struct LinkRecord {
     uint64_t name_reads = 0; // device records read before the link began
     unsigned links_started = 0;
     unsigned links_failed = 0;
+    std::string last_failure;
 };
 LinkRecord g_link;
 
@@ -51,6 +52,11 @@ void diagnostics_phone_connected(const OrvaneService* service)
 {
     if (service->streamRunning)
         ++g_link.reconnects;
+}
+
+void diagnostics_link_failed(const std::string& why)
+{
+    g_link.last_failure = why;
 }
 
 void diagnostics_link_ended()
@@ -196,6 +202,11 @@ double Diagnostics::linkSeconds() const
 uint Diagnostics::linksStarted() const
 {
     return g_link.links_started;
+}
+
+QString Diagnostics::lastFailure() const
+{
+    return QString::fromStdString(g_link.last_failure);
 }
 
 uint Diagnostics::linksFailed() const

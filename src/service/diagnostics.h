@@ -7,6 +7,7 @@
 #include <QObject>
 #include <QString>
 #include <QVariantMap>
+#include <string>
 
 class OrvaneService;
 
@@ -37,6 +38,7 @@ class Diagnostics : public QObject
     // The process.
     Q_PROPERTY(uint links_started READ linksStarted)
     Q_PROPERTY(uint links_failed READ linksFailed)
+    Q_PROPERTY(QString last_failure READ lastFailure)
     Q_PROPERTY(qulonglong uptime_seconds READ uptimeSeconds)
     Q_PROPERTY(qulonglong rss_kb READ rssKb)
 
@@ -63,6 +65,7 @@ public:
     double linkSeconds() const;
     uint linksStarted() const;
     uint linksFailed() const;
+    QString lastFailure() const; // why the last failed start failed, "" when none has
     qulonglong uptimeSeconds() const;
     qulonglong rssKb() const;
 
@@ -80,3 +83,5 @@ void diagnostics_link_started(OrvaneService* service, int type);
 void diagnostics_phone_connected(const OrvaneService* service);
 // The link is torn down: its duration stops.
 void diagnostics_link_ended();
+// A start failed: its failing step's console line, with the reason line before it.
+void diagnostics_link_failed(const std::string& why);

@@ -1,5 +1,7 @@
 #include "service/log_line.h"
 
+#include "base/console.h"
+
 #include <QMessageLogger>
 #include <cstdio>
 #include <ctime>
@@ -28,6 +30,8 @@ LogLine::LogLine(QtMsgType type, bool withPrefix) : type_(type)
 
 LogLine::~LogLine()
 {
+    // The console keeps the lower layers' last line as a failure's reason; this is not one.
+    ConsoleServiceLine serviceLine;
     QMessageLogger logger;
     if (type_ == QtWarningMsg)
         logger.warning("%s", text_.c_str());

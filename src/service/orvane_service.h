@@ -75,6 +75,11 @@ public:
     bool setShowTouches(bool on);
     bool startServerForWifi();
     void stopRetryTimer();
+    // A start begins: its figures from zero, its console lines from here (main thread).
+    void beginLink(int type);
+    // A start step failed: its line (with the reason printed before it) for the diagnostics and
+    // the console, the teardown, then (type, 5) for the HMI (main thread).
+    void failLink(int type, const char* line);
 
     // The display's own touches and keys (a PC's window) reach the phone like the HMI's; main thread.
     void watchDisplayInput();
@@ -100,6 +105,7 @@ public:
     int32_t videoHeight;
     dnssd* dnssdRef;
     int retryTimerId;
+    unsigned long failureMark = 0; // the main thread's console lines before the current start
 
 signals:
     void onLinkStatusChange(int type, int status);

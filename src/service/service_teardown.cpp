@@ -11,10 +11,13 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "base/console.h"
 #include "net/sock.h"
 #include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
+#include "platform/defaults.h"
+#include "platform/defaults.h"
 #include "service/shell_command.h"
 #include "video/app_events.h"
 #include "video/device_info.h"
@@ -48,7 +51,8 @@ void OrvaneService::exitLink()
         connected = false;
         serverStarted = false;
         if (!wifiMode)
-            shell_command_run(shell_command_text(ENV_OTG_COMMAND, SHELL_OTG_MODE), SHELL_COMMAND_TIMEOUT_MS);
+            shell_command_run(shell_command_text(ENV_OTG_COMMAND, platform_default_settings().otg_command),
+                              SHELL_COMMAND_TIMEOUT_MS);
     }
     if (streamRunning) {
         streamRunning = false;
@@ -72,7 +76,9 @@ void OrvaneService::exitLink()
     }
     screen_close(&screen);
     if (!wifiMode)
-        shell_command_run(shell_command_text(ENV_ADB_KILL_COMMAND, SHELL_ADB_KILL), SHELL_COMMAND_TIMEOUT_MS);
+        shell_command_run(
+            shell_command_text(ENV_ADB_KILL_COMMAND, platform_default_settings().adb_kill_command),
+            SHELL_COMMAND_TIMEOUT_MS);
     logLine() << "exitLink"
               << " screen stoped";
     // Every worker of this link has been joined: what it posted and is still queued is stale now.
@@ -82,6 +88,22 @@ void OrvaneService::exitLink()
     // that hundreds of links do not leave the daemon holding it.
     malloc_trim(0);
 #endif
+}
+
+void OrvaneService::beginLink(int type)
+{
+    diagnostics_link_started(this, type);
+    failureMark = console_line_count();
+}
+
+void OrvaneService::failLink(int type, const char* line)
+{
+    // The failing step's own line, and the reason its lower layer printed just before it.
+    const std::string reason = console_last_line(failureMark);
+    diagnostics_link_failed(reason.empty() ? line : reason + "\n" + line);
+    logLine() << line;
+    exitLink();
+    emit onLinkStatusChange(type, LINK_STATUS_FAILED);
 }
 
 void OrvaneService::stopRetryTimer()
@@ -143,6 +165,7 @@ void OrvaneService::timerEvent(QTimerEvent* event)
 void OrvaneService::reconnectStream()
 {
     diagnostics_phone_connected(this);
+    failureMark = console_line_count();
     stopRetryTimer();
     connected = true;
 
@@ -161,15 +184,11 @@ void OrvaneService::reconnectStream()
         setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &nodelay, sizeof nodelay);
 
         if (!device_read_info(sock, name, size)) {
-            logLine() << "device_read_info failed!";
-            exitLink();
-            emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+            failLink(LINK_TYPE_WIFI, "device_read_info failed!");
             return;
         }
         if (memcmp(name, "AFFA", 4) != 0) {
-            logLine() << "device_read_info error!";
-            exitLink();
-            emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+            failLink(LINK_TYPE_WIFI, "device_read_info error!");
             return;
         }
         logLine() << "read device info:" << console_char(name[4]) << size[0] << size[1];
@@ -184,9 +203,7 @@ void OrvaneService::reconnectStream()
     } else if (initVideoBuffer(videoWidth, videoHeight)) {
         setDecoderBuffers();
     } else {
-        logLine() << "initVideoBuffer failed!";
-        exitLink();
-        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        failLink(LINK_TYPE_WIFI, "initVideoBuffer failed!");
         return;
     }
 
@@ -199,7 +216,5 @@ void OrvaneService::reconnectStream()
         emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_STREAMING);
         return;
     }
-    logLine() << "init stream failed!";
-    exitLink();
-    emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+    failLink(LINK_TYPE_WIFI, "init stream failed!");
 }

@@ -8,6 +8,7 @@
 #include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
+#include "platform/defaults.h"
 #include "service/shell_command.h"
 #include "video/device_info.h"
 
@@ -35,7 +36,7 @@ void OrvaneService::startLink()
     char name[128];
     int size[2];
 
-    diagnostics_link_started(this, LINK_TYPE_USB);
+    beginLink(LINK_TYPE_USB);
     screen_init(&screen);
     if (!screen_init_rendering(&screen)) {
         failure = "screen_init_rendering failed!";
@@ -84,16 +85,15 @@ void OrvaneService::startLink()
     return;
 
 fail:
-    logLine() << failure;
-    exitLink();
-    emit onLinkStatusChange(LINK_TYPE_USB, LINK_STATUS_FAILED);
+    failLink(LINK_TYPE_USB, failure);
 }
 
 bool OrvaneService::startServer()
 {
     phone_server_init(&server);
-    shell_command_run(shell_command_text(ENV_ADB_DEVICES_COMMAND, SHELL_ADB_DEVICES),
-                      SHELL_COMMAND_TIMEOUT_MS);
+    shell_command_run(
+        shell_command_text(ENV_ADB_DEVICES_COMMAND, platform_default_settings().adb_devices_command),
+        SHELL_COMMAND_TIMEOUT_MS);
     ServerParams params;
     params.option_arg = serverParams.optionArg;
     params.local_port = serverParams.localPort;

@@ -21,19 +21,15 @@ void OrvaneService::startWifiLink()
         return;
     }
 
-    diagnostics_link_started(this, LINK_TYPE_WIFI);
+    beginLink(LINK_TYPE_WIFI);
     screen_init(&screen);
     if (!screen_init_rendering(&screen)) {
-        logLine() << "screen_init_rendering failed!";
-        exitLink();
-        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        failLink(LINK_TYPE_WIFI, "screen_init_rendering failed!");
         return;
     }
     serverStarted = startServerForWifi();
     if (!serverStarted) {
-        logLine() << "startServerForWifi failed!";
-        exitLink();
-        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        failLink(LINK_TYPE_WIFI, "startServerForWifi failed!");
         return;
     }
     if (dnssdRef != nullptr) {
@@ -44,15 +40,16 @@ void OrvaneService::startWifiLink()
     // Without an identity nothing is announced; the listener stays up for a phone that knows us.
     const std::string mac = find_mac(true);
     if (mac.empty()) {
+        const char* line = "No Wi-Fi interface address: nothing announced, the listener stays up";
+        logLine() << line;
+        diagnostics_link_failed(line);
         emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
         return;
     }
     int error = 0;
     dnssdRef = dnssd_create("Mirroring", 9, mac.c_str(), static_cast<uint32_t>(mac.size()), &error);
     if (error != 0) {
-        logLine() << "Could not initialize dnssd library!";
-        exitLink();
-        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_FAILED);
+        failLink(LINK_TYPE_WIFI, "Could not initialize dnssd library!");
         return;
     }
     const QByteArray width = QString::number(screen.screen_width, 10).toLocal8Bit();

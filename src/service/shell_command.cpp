@@ -15,6 +15,8 @@ const char* shell_command_text(const char* env_name, const char* default_text)
 
 int shell_command_run(const char* text, int timeout_ms)
 {
+    if (text[0] == '\0')
+        return 0;
     const pid_t pid = fork();
     if (pid < 0) {
         perror("fork");

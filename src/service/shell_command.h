@@ -1,12 +1,9 @@
-// The few shell commands the service runs around a USB link ("adb devices" before the server starts,
-// the USB controller's OTG mode and "pkill adb" at teardown). Each can be replaced through the
-// environment so a desktop or a test run need not touch /sys or a developer's own adb.
+// The few shell commands the service runs around a USB link (adb's device list before the server
+// starts, the USB controller's OTG mode and adb's stand-down at teardown). Their defaults are the
+// platform's (platform/defaults.h); each can be replaced through the environment.
 #pragma once
 
-// Default texts of the three commands, and the variables that replace them.
-constexpr const char* SHELL_ADB_DEVICES = "adb devices";
-constexpr const char* SHELL_OTG_MODE = "echo otg > /sys/devices/platform/musb-tez7300.0/musb-hdrc.0/mode";
-constexpr const char* SHELL_ADB_KILL = "pkill adb";
+// The variables that replace the platform's commands.
 constexpr const char* ENV_ADB_DEVICES_COMMAND = "ORVANE_ADB_DEVICES_COMMAND";
 constexpr const char* ENV_OTG_COMMAND = "ORVANE_OTG_COMMAND";
 constexpr const char* ENV_ADB_KILL_COMMAND = "ORVANE_ADB_KILL_COMMAND";
@@ -14,8 +11,9 @@ constexpr const char* ENV_ADB_KILL_COMMAND = "ORVANE_ADB_KILL_COMMAND";
 // How long a shell command may block the main thread before it is killed.
 constexpr int SHELL_COMMAND_TIMEOUT_MS = 10000;
 
-// The command text: the variable's value when set, else the default.
+// The command text: the variable's value when set (even empty), else the default.
 const char* shell_command_text(const char* env_name, const char* default_text);
 // Runs the text through /bin/sh like system(), but ends it (and everything it started) after
-// timeout_ms. Returns the shell's exit status, or -1 when it could not run or was killed.
+// timeout_ms. Returns the shell's exit status, or -1 when it could not run or was killed. An empty
+// text runs nothing and returns 0.
 int shell_command_run(const char* text, int timeout_ms);

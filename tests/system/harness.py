@@ -178,15 +178,16 @@ class PrivateBus:
 
 
 class Daemon:
-    """The real orvaned on a private bus, its console in a file, its adb and shell commands harmless
-    (set through its documented variables); prefix is a command that execs it, such as `ip netns exec NS`."""
+    """The real orvaned on a private bus, started plainly: its console is its standard streams, kept in a
+    file; its adb and shell commands harmless (set through its documented variables); prefix is a command
+    that execs it, such as `ip netns exec NS`."""
 
     def __init__(self, bus, workdir, env=None, name='orvaned', wait_ready=True, timeout=15, prefix=()):
         self.name, self.console_path = name, os.path.join(workdir, name + '.console')
-        open(self.console_path, 'wb').close()
-        self.env = bus.env(dict(self.default_env(workdir), ORVANE_CONSOLE=self.console_path, **(env or {})))
-        self.proc = spawn(list(prefix) + [binary('orvaned')], group=True, cwd=workdir, env=self.env,
-                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.env = bus.env(dict(self.default_env(workdir), **(env or {})))
+        with open(self.console_path, 'wb') as console:
+            self.proc = spawn(list(prefix) + [binary('orvaned')], group=True, cwd=workdir, env=self.env,
+                              stdout=console, stderr=subprocess.STDOUT)
         self.pid = self.proc.pid
         if wait_ready:
             self.wait_for_console(re.escape(READY_LINE), timeout)

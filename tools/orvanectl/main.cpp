@@ -1,5 +1,8 @@
 // orvanectl: talks to the mirror daemon over the session bus the way the head unit's HMI does.
+#include <QCommandLineParser>
+#include <QRegularExpression>
 #include <QCoreApplication>
+#include <QDBusReply>
 #include <QPoint>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -34,8 +37,8 @@ const char* const FIGURES[] = {
     "link_type",       "state",          "phone_name",     "picture_size",     "layer",
     "frames_received", "frames_decoded", "pictures_shown", "frames_not_shown", "decode_errors",
     "bytes_received",  "bitrate_kbps",   "decode_ms_p50",  "decode_ms_p99",    "last_frame_age_ms",
-    "reconnects",      "link_seconds",   "links_started",  "links_failed",     "uptime_seconds",
-    "rss_kb"};
+    "reconnects",      "link_seconds",   "links_started",  "links_failed",     "last_failure",
+    "uptime_seconds",  "rss_kb"};
 
 enum Exit {
     EXIT_OK = 0,
@@ -45,36 +48,36 @@ enum Exit {
     EXIT_USAGE = 64,
 };
 
-const char USAGE[] =
-    "usage: orvanectl [--timeout SECONDS] [--wait-stream] [--watch [SECONDS]] COMMAND [ARGS]\n"
+const char DESCRIPTION[] =
+    "Talks to the Orvane mirror daemon over the session bus the way the head unit's HMI does. It starts\n"
+    "the daemon through the bus when an activation file names it (except for stop and stats).";
+
+const char COMMANDS[] = "What to do: one of the commands below.";
+
+const char MORE_HELP[] =
     "\n"
-    "commands:\n"
+    "Commands:\n"
     "  start usb|wifi              start a link and print its statuses; returns on streaming (4),\n"
-    "                              failed (5), ended (8), or on starting (3) unless --wait-stream\n"
+    "                              failed (5, with why on standard error), ended (8), or on\n"
+    "                              starting (3) unless --wait-stream\n"
     "  hide [usb|wifi]             hide the video (default usb)\n"
     "  stop [usb|wifi]             stop the link (default usb)\n"
     "  key home|back|menu          send a key\n"
     "  touch press|move|release X Y  send a touch at X Y on the displayed picture\n"
-    "  drag X1 Y1 X2 Y2 STEPS      press at X1 Y1, STEPS moves along the line, release at X2 Y2\n"
+    "  drag X1 Y1 X2 Y2 STEPS      press at X1 Y1, STEPS (1 to 1000) moves along the line, release\n"
+    "                              at X2 Y2\n"
     "  monitor                     print every status change as 'type status meaning' until\n"
     "                              interrupted (works before the daemon is up)\n"
     "  stats [--watch [SECONDS]]   print the link's statistics as 'name value' lines; --watch\n"
     "                              redraws them as a table with rates per second every SECONDS\n"
     "                              (default 1) until interrupted\n"
     "\n"
-    "options:\n"
-    "  --timeout SECONDS           how long to wait for the daemon (default 60)\n"
-    "  --wait-stream               start: keep waiting past 'starting' (a Wi-Fi link waits there\n"
-    "                              for the phone)\n"
-    "  --watch [SECONDS]           stats: redraw until interrupted\n"
-    "\n"
-    "exit status: 0 done, 1 failed or ended, 2 timed out, 3 daemon not on the bus, 64 bad usage\n";
+    "Exit status: 0 done, 1 failed or ended, 2 timed out, 3 daemon not on the bus, 64 bad usage.\n";
 
-int usage()
-{
-    fputs(USAGE, stderr);
-    return EXIT_USAGE;
-}
+const char SHORT_USAGE[] = "usage: orvanectl [--timeout SECONDS] [--wait-stream] COMMAND [ARGS] "
+                           "(orvanectl --help for the commands)\n";
+
+constexpr uint DRAG_MAX_STEPS = 1000;
 
 const char* meaning(int status)
 {
@@ -219,7 +222,18 @@ int run_start(QDBusConnection& bus, int type, bool waitStream, int timeoutSecond
                 watcher.lastStatus(), watcher.lastStatus() ? meaning(watcher.lastStatus()) : "none");
         QCoreApplication::exit(EXIT_TIMEOUT);
     });
-    return QCoreApplication::exec();
+    const int rc = QCoreApplication::exec();
+    if (watcher.lastStatus() == 5) {
+        // Why, as the daemon's console said it: the failing step's line and its reason.
+        QDBusMessage get = QDBusMessage::createMethodCall(SERVICE, DIAGNOSTICS_PATH,
+                                                          "org.freedesktop.DBus.Properties", "Get");
+        get.setArguments({QString(DIAGNOSTICS_INTERFACE), QString("last_failure")});
+        const QDBusMessage reply = bus.call(get, QDBus::Block, timeoutSeconds * 1000);
+        const QString why = reply.arguments().value(0).value<QDBusVariant>().variant().toString();
+        for (const QString& line : why.split('\n', Qt::SkipEmptyParts))
+            fprintf(stderr, "orvanectl: %s\n", qPrintable(line));
+    }
+    return rc;
 }
 
 // From here on SIGINT and SIGTERM end the event loop with EXIT_OK; null when that cannot be set up.
@@ -283,7 +297,8 @@ QString figure_text(const QVariant& value)
 {
     if (value.userType() == QMetaType::Double)
         return QString::number(value.toDouble(), 'f', 2);
-    const QString text = value.toString();
+    // One line per figure: a failure's reason and its line are joined.
+    const QString text = value.toString().replace('\n', " / ");
     return text.isEmpty() ? QString("-") : text;
 }
 
@@ -341,25 +356,91 @@ int run_watch(QDBusConnection& bus, int seconds, int timeoutSeconds)
     return QCoreApplication::exec();
 }
 
-// "usb" -> 2, "wifi" -> 243; an absent word means usb.
-int link_type(const QStringList& args, int index, bool optional)
+// A usage error: what was wrong, then one line of usage.
+int bad_usage(const QString& what)
 {
-    if (index >= args.size())
-        return optional ? 2 : -1;
-    if (args[index] == "usb")
+    fprintf(stderr, "orvanectl: %s\n%s", qPrintable(what), SHORT_USAGE);
+    return EXIT_USAGE;
+}
+
+QString quoted(const QString& text)
+{
+    return QString("'%1'").arg(text);
+}
+
+// "usb" -> 2, "wifi" -> 243; an absent word is usb where `optional`. -1 after a usage error.
+int link_type(const QString& command, const QStringList& args, bool optional)
+{
+    if (args.isEmpty() && optional)
         return 2;
-    if (args[index] == "wifi")
+    if (args.size() == 1 && args[0] == "usb")
+        return 2;
+    if (args.size() == 1 && args[0] == "wifi")
         return 243;
+    bad_usage(args.size() > 1
+                  ? QString("%1: expected usb or wifi alone, got %2 arguments").arg(command).arg(args.size())
+              : args.isEmpty() ? QString("%1: expected usb or wifi").arg(command)
+                               : QString("%1: expected usb or wifi, got %2").arg(command, quoted(args[0])));
     return -1;
 }
 
-bool parse_coordinate(const QString& text, uint* value)
+// A coordinate (or step count) from `low` to `high`; false after a usage error.
+bool parse_number(const QString& command, const char* name, const QString& text, qulonglong low,
+                  qulonglong high, uint* value)
 {
     bool ok = false;
     const qulonglong v = text.toULongLong(&ok, 10);
-    if (!ok || v > 0xFFFFFFFFull || text.startsWith('+'))
+    if (!ok || v < low || v > high || text.startsWith('+')) {
+        bad_usage(QString("%1: %2 must be a whole number from %3 to %4, got %5")
+                      .arg(command, name)
+                      .arg(low)
+                      .arg(high)
+                      .arg(quoted(text)));
         return false;
+    }
     *value = static_cast<uint>(v);
+    return true;
+}
+
+// One of `words`, as its position from 1; 0 after a usage error.
+int parse_word(const QString& command, const QStringList& words, const QString& text)
+{
+    const int index = words.indexOf(text) + 1;
+    if (index == 0) {
+        QStringList expected = words;
+        const QString last = expected.takeLast();
+        bad_usage(
+            QString("%1: expected %2 or %3, got %4").arg(command, expected.join(", "), last, quoted(text)));
+    }
+    return index;
+}
+
+bool count_is(const QString& command, const QStringList& args, int count, const char* expected)
+{
+    if (args.size() == count)
+        return true;
+    bad_usage(QString("%1: expected %2, got %3 argument%4")
+                  .arg(command, expected)
+                  .arg(args.size())
+                  .arg(args.size() == 1 ? "" : "s"));
+    return false;
+}
+
+// The daemon is on the bus, or the bus starts it (an activation file names it); false after
+// saying why not.
+bool reach_daemon(QDBusConnection& bus, bool activate)
+{
+    QDBusConnectionInterface* daemon = bus.interface();
+    if (daemon->isServiceRegistered(SERVICE))
+        return true;
+    if (!activate || !daemon->activatableServiceNames().value().contains(SERVICE))
+        return no_daemon() == EXIT_OK;
+    const QDBusReply<void> started = daemon->startService(SERVICE);
+    if (!started.isValid()) {
+        fprintf(stderr, "orvanectl: the mirror daemon (%s) could not be started by the bus: %s\n", SERVICE,
+                qPrintable(started.error().message()));
+        return false;
+    }
     return true;
 }
 
@@ -368,96 +449,112 @@ bool parse_coordinate(const QString& text, uint* value)
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName("orvanectl");
+    QCoreApplication::setApplicationVersion(ORVANE_VERSION);
 
-    int timeoutSeconds = 60;
-    bool waitStream = false;
-    int watchSeconds = 0;
-    QStringList args;
-    const QStringList all = app.arguments().mid(1);
-    for (int i = 0; i < all.size(); ++i) {
-        const QString& arg = all[i];
-        if (arg == "--wait-stream") {
-            waitStream = true;
-        } else if (arg == "--timeout" || arg.startsWith("--timeout=")) {
-            QString value;
-            if (arg == "--timeout") {
-                if (i + 1 >= all.size())
-                    return usage();
-                value = all[++i];
-            } else {
-                value = arg.mid(10);
-            }
-            bool ok = false;
-            timeoutSeconds = value.toInt(&ok);
-            if (!ok || timeoutSeconds < 1 || timeoutSeconds > 86400)
-                return usage();
-        } else if (arg == "--watch") {
-            watchSeconds = 1;
-            bool ok = false;
-            const int seconds = i + 1 < all.size() ? all[i + 1].toInt(&ok) : 0;
-            if (ok) {
-                if (seconds < 1 || seconds > 3600)
-                    return usage();
-                watchSeconds = seconds;
-                ++i;
-            }
-        } else if (arg == "-h" || arg == "--help") {
-            fputs(USAGE, stdout);
-            return EXIT_OK;
-        } else if (arg.startsWith("--")) {
-            return usage();
-        } else {
-            args << arg;
-        }
+    QCommandLineParser parser;
+    parser.setApplicationDescription(DESCRIPTION);
+    const QCommandLineOption timeoutOption("timeout", "How long to wait for the daemon (default 60).",
+                                           "seconds", "60");
+    const QCommandLineOption waitStreamOption(
+        "wait-stream", "start: keep waiting past 'starting' (a Wi-Fi link waits there for the phone).");
+    const QCommandLineOption watchOption(
+        "watch",
+        "stats: redraw as a table with rates per second every SECONDS (default 1) until interrupted.");
+    parser.addOptions({timeoutOption, waitStreamOption, watchOption});
+    const QCommandLineOption helpOption = parser.addHelpOption();
+    const QCommandLineOption versionOption = parser.addVersionOption();
+    parser.addPositionalArgument("command", COMMANDS, "COMMAND [ARGS]");
+    if (!parser.parse(app.arguments()))
+        return bad_usage(parser.errorText());
+    if (parser.isSet(helpOption)) {
+        // The man page is made from this text: the program's name, not the path it was run by.
+        QString help = parser.helpText();
+        help.replace(QRegularExpression("^Usage: \\S+"), "Usage: orvanectl");
+        fputs(qPrintable(help), stdout);
+        fputs(MORE_HELP, stdout);
+        return EXIT_OK;
     }
-    if (args.isEmpty())
-        return usage();
+    if (parser.isSet(versionOption)) {
+        printf("orvanectl %s\n", ORVANE_VERSION);
+        return EXIT_OK;
+    }
 
-    const QString command = args[0];
+    bool ok = false;
+    const int timeoutSeconds = parser.value(timeoutOption).toInt(&ok);
+    if (!ok || timeoutSeconds < 1 || timeoutSeconds > 86400)
+        return bad_usage(QString("--timeout: expected seconds from 1 to 86400, got %1")
+                             .arg(quoted(parser.value(timeoutOption))));
+    const bool waitStream = parser.isSet(waitStreamOption);
+    QStringList args = parser.positionalArguments();
+    if (args.isEmpty())
+        return bad_usage("no command given");
+    const QString command = args.takeFirst();
+    if (parser.isSet(watchOption) && command != "stats")
+        return bad_usage(QString("--watch: only for stats, not for %1").arg(command));
+
     QList<QVariant> callArgs;
     const char* callName = nullptr;
     int startType = 0;
     QPoint dragFrom, dragTo;
-    int dragSteps = 0;
-    if (command == "start" && args.size() == 2) {
-        startType = link_type(args, 1, false);
+    uint dragSteps = 0;
+    uint watchSeconds = 0;
+    if (command == "start") {
+        startType = link_type(command, args, false);
         if (startType < 0)
-            return usage();
-    } else if ((command == "hide" || command == "stop") && args.size() <= 2) {
-        const int type = link_type(args, 1, true);
+            return EXIT_USAGE;
+    } else if (command == "hide" || command == "stop") {
+        const int type = link_type(command, args, true);
         if (type < 0)
-            return usage();
+            return EXIT_USAGE;
         callName = "requestLinkStatus";
         callArgs = {type, command == "hide" ? 6 : 7};
-    } else if (command == "key" && args.size() == 2) {
-        const QStringList keys = {"home", "back", "menu"};
-        const int key = keys.indexOf(args[1]) + 1;
+    } else if (command == "key") {
+        if (!count_is(command, args, 1, "home, back or menu"))
+            return EXIT_USAGE;
+        const int key = parse_word(command, {"home", "back", "menu"}, args[0]);
         if (key == 0)
-            return usage();
+            return EXIT_USAGE;
         callName = "requestKeyValue";
         callArgs = {key};
-    } else if (command == "touch" && args.size() == 4) {
-        const QStringList actions = {"press", "move", "release"};
-        const int action = actions.indexOf(args[1]) + 1;
-        uint x;
-        uint y;
-        if (action == 0 || !parse_coordinate(args[2], &x) || !parse_coordinate(args[3], &y))
-            return usage();
+    } else if (command == "touch") {
+        uint x, y;
+        if (!count_is(command, args, 3, "press|move|release X Y"))
+            return EXIT_USAGE;
+        const int action = parse_word(command, {"press", "move", "release"}, args[0]);
+        if (action == 0 || !parse_number(command, "X", args[1], 0, 0xFFFFFFFFull, &x) ||
+            !parse_number(command, "Y", args[2], 0, 0xFFFFFFFFull, &y))
+            return EXIT_USAGE;
         callName = "requestTouchAction";
         callArgs = {static_cast<uint>(action), x, y};
-    } else if (command == "drag" && args.size() == 6) {
-        uint v[5];
-        for (int i = 0; i < 5; ++i)
-            if (!parse_coordinate(args[i + 1], &v[i]))
-                return usage();
+    } else if (command == "drag") {
+        uint v[4];
+        if (!count_is(command, args, 5, "X1 Y1 X2 Y2 STEPS"))
+            return EXIT_USAGE;
+        const char* names[] = {"X1", "Y1", "X2", "Y2"};
+        for (int i = 0; i < 4; ++i)
+            if (!parse_number(command, names[i], args[i], 0, 0x7FFFFFFFull, &v[i]))
+                return EXIT_USAGE;
+        // A finger's drag, not a flood: each step is a D-Bus call.
+        if (!parse_number(command, "STEPS", args[4], 1, DRAG_MAX_STEPS, &dragSteps))
+            return EXIT_USAGE;
         dragFrom = QPoint(int(v[0]), int(v[1]));
         dragTo = QPoint(int(v[2]), int(v[3]));
-        dragSteps = int(qMin(v[4], 100000u));
-    } else if ((command != "monitor" && command != "stats") || args.size() != 1) {
-        return usage();
+    } else if (command == "stats") {
+        if (!args.isEmpty() && !parser.isSet(watchOption))
+            return bad_usage(
+                QString("stats: takes no argument without --watch, got %1").arg(quoted(args[0])));
+        if (args.size() > 1)
+            return bad_usage(QString("stats: expected at most SECONDS, got %1 arguments").arg(args.size()));
+        watchSeconds = parser.isSet(watchOption) ? 1 : 0;
+        if (!args.isEmpty() && !parse_number("stats --watch", "SECONDS", args[0], 1, 3600, &watchSeconds))
+            return EXIT_USAGE;
+    } else if (command == "monitor") {
+        if (!args.isEmpty())
+            return bad_usage(QString("monitor: takes no argument, got %1").arg(quoted(args[0])));
+    } else {
+        return bad_usage(QString("unknown command %1").arg(quoted(command)));
     }
-    if (watchSeconds != 0 && command != "stats")
-        return usage();
 
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
@@ -467,19 +564,20 @@ int main(int argc, char** argv)
     }
     if (command == "monitor")
         return run_monitor(bus);
-    if (!bus.interface()->isServiceRegistered(SERVICE))
-        return no_daemon();
+    // Stopping or reading the figures of a daemon that is not there does not start one.
+    if (!reach_daemon(bus, command != "stop" && command != "stats"))
+        return EXIT_NO_DAEMON;
     if (command == "stats")
-        return watchSeconds != 0 ? run_watch(bus, watchSeconds, timeoutSeconds)
+        return watchSeconds != 0 ? run_watch(bus, int(watchSeconds), timeoutSeconds)
                                  : run_stats(bus, timeoutSeconds);
     if (startType != 0)
         return run_start(bus, startType, waitStream, timeoutSeconds);
     if (command == "drag") {
         // One call after the other, as a finger on the HMI's screen would produce them.
         int rc = EXIT_OK;
-        for (int i = 0; i <= dragSteps + 1 && rc == EXIT_OK; ++i) {
-            const int step = qMin(i, dragSteps);
-            const QPoint at = dragFrom + (dragTo - dragFrom) * step / qMax(dragSteps, 1);
+        for (uint i = 0; i <= dragSteps + 1 && rc == EXIT_OK; ++i) {
+            const int step = int(qMin(i, dragSteps));
+            const QPoint at = dragFrom + (dragTo - dragFrom) * step / int(dragSteps);
             const uint action = i == 0 ? 1 : i > dragSteps ? 3 : 2;
             rc = run_call(bus, "requestTouchAction", {action, uint(at.x()), uint(at.y())}, timeoutSeconds);
         }
