@@ -19,10 +19,18 @@ HIDE_LOGGED = r'^' + LOG_PREFIX + r' OrvaneApp::requestLinkStatus 2 6 $'
 class Interface(harness.OrvaneTestCase):
 
     def test_client_members_dispatcher_crash_report_and_second_instance(self):
-        # orvanectl: a request without the daemon exits 3, bad arguments 64 with the usage.
+        # orvanectl: a request without the daemon exits 3; a usage error 64, with what was wrong and one
+        # line of usage.
         self.assertEqual(self.call('stop', timeout=20), (3, '', 'orvanectl: the mirror daemon (com.quorva.mirror) '
                                                          'is not on the session bus\n'))
-        self.assertEqual(self.call('touch', 'press', '1', '4294967296')[0], 64)
+        for args, said in ((('key', 'power'), "key: expected home, back or menu, got 'power'"),
+                           (('touch', 'press', '1', '4294967296'), 'touch: Y must be a whole number from 0 to '
+                                                                  "4294967295, got '4294967296'"),
+                           (('drag', '0', '0', '9', '9', '100000'), 'drag: STEPS must be a whole number from 1 to '
+                                                                     "1000, got '100000'"),
+                           (('--timeout', '0', 'stop'), "--timeout: expected seconds from 1 to 86400, got '0'")):
+            rc, out, err = self.call(*args)
+            self.assertEqual((rc, out, err.splitlines()[0], len(err.splitlines())), (64, '', 'orvanectl: ' + said, 2))
         daemon = self.start_daemon()
         monitor = self.start_monitor()
         self.assertEqual(harness.interface_members(self.bus), MEMBERS)

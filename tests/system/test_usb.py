@@ -156,14 +156,16 @@ class Link(UsbCase):
             f.write('#!/bin/sh\ncase "$*" in push*) exec sleep 600;; esac\nexec %s "$@"\n' % harness.binary('fake-adb'))
         os.chmod(hung, 0o755)
         connect, info = 'connectToServer failed!', 'device_read_info failed!'
-        late, cut = r'^Server did not connect within 12000 ms$', r'^Could not retrieve device information$'
-        rows = [  # rig options, the service's line, the lower layer's reason, OTG switches
-            ({'ORVANE_HOST_FAULTS': 'fb-open'}, 'screen_init_rendering failed!', None, 0),
+        late, cut = 'Server did not connect within 12000 ms', 'Could not retrieve device information'
+        rows = [  # rig options, the service's line, the lower layer's reason before it, OTG switches
+            ({'ORVANE_HOST_FAULTS': 'fb-open'}, 'screen_init_rendering failed!',
+             '-----------------open fb4 fail.----------------------', 0),
+            ({'FAKE_ADB_NO_DEVICE': '1'}, 'startServer failed!', '"adb push" returned with value 1', 0),
             ({'adb': hung, 'ORVANE_ADB_TIMEOUT_MS': '1500'}, 'startServer failed!',
-             r'^"adb push" did not finish within 1500 ms, killed$', 0),
+             '"adb push" did not finish within 1500 ms, killed', 0),
             # Phone-side servers that misbehave; a framebuffer size out of range is refused on the way.
             ({'events': 'exit-at-launch', 'fb': '4294967312x16'}, connect,
-             r'^Server exited before connecting \(exit status 1\)$', 1),
+             'Server exited before connecting (exit status 1)', 1),
             ({'events': 'never-connect'}, connect, late, 1), ({'events': 'video-only'}, connect, late, 1),
             ({'events': 'no-hello', 'FAKE_ADB_FAIL': 'reverse'}, connect, late, 1),
             ({'events': 'info-bytes=0'}, info, cut, 1), ({'events': 'info-bytes=40'}, info, cut, 1),
@@ -173,10 +175,11 @@ class Link(UsbCase):
             with self.subTest(line=line, options=options):
                 self.start_usb_daemon(**options)
                 began = time.monotonic()
-                self.request(3)
-                self.monitor.wait_for(LINK_USB, 5, timeout=90)
+                # orvanectl says why, as the console did: the lower layer's reason, then the step's line.
+                self.assertEqual(self.call('start', 'usb', timeout=90),
+                                 (1, '2 5 failed\n', 'orvanectl: %s\norvanectl: %s\n' % (reason, line)))
                 self.assertLess(time.monotonic() - began, 15, "beyond the README's bound")
-                mark = self.daemon.wait_for_console(reason).end() if reason else 0
+                mark = self.daemon.wait_for_console('^' + re.escape(reason) + '$').end()
                 self.daemon.wait_for_console(service_line(line), since=mark)
                 self.daemon.wait_for_console(SCREEN_STOPPED)
                 self.assert_statuses([(LINK_USB, 5)])  # never streamed: no (2, 8); D-Bus answers at once

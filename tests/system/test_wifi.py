@@ -1,6 +1,7 @@
 """The Wi-Fi link on a real network (see wifinet): orvaned announces itself from the head unit's side,
 phone-sim browses, resolves and connects from the phone's. Needs root; skips elsewhere."""
 
+import re
 import time
 
 import harness
@@ -21,9 +22,9 @@ class Wifi(UsbCase):
     def tearDownClass(cls):
         cls.net.close()
 
-    def begin(self, side=None):  # orvaned in the head unit's namespace (or side's), with the USB stand-ins
+    def begin(self, side=None, prefix=None, **env):  # orvaned in the head unit's namespace (or side's)
         side = side or self.net.hu
-        self.start_usb_daemon(fb='800x480', prefix=['ip', 'netns', 'exec', side.ns], **side.env())
+        self.start_usb_daemon(fb='800x480', prefix=prefix or ['ip', 'netns', 'exec', side.ns], **side.env(), **env)
         return self.daemon, self.monitor
 
     def start_wifi(self, expect=3):
@@ -49,10 +50,25 @@ class Wifi(UsbCase):
         self.assertEqual(self.net.listening(self.daemon.pid), present if listening is None else listening)
         return [x for x in entries if x['name'] == 'Mirroring']
 
-    def test_no_wlan1_fails_but_leaves_the_listener_up(self):
-        daemon, monitor = self.begin(side=self.net.phone)  # the phone's side has no wlan1
+    def test_the_interface_named_and_none_at_all(self):
+        # ORVANE_WIFI_INTERFACE names the interface whose address is the head unit's identity.
+        mac = '02:00:5e:10:20:30'
+        wifinet.ip('-n', self.net.hu.ns, 'link', 'add', 'orvtest0', 'address', mac, 'type', 'veth', 'peer', 'orvtest1')
+        self.addCleanup(wifinet.ip, '-n', self.net.hu.ns, 'link', 'del', 'orvtest0')
+        self.begin(ORVANE_WIFI_INTERFACE='orvtest0')
+        self.start_wifi()
+        self.assertEqual([e['txt']['deviceid'] for e in self.announced()], [mac])
+        # A machine with nothing but its loopback: said, failed, the listener left up for a phone that
+        # knows the address; the next start only answers.
+        bare = self.net.hu.ns + '-bare'
+        wifinet.ip('netns', 'add', bare)
+        self.addCleanup(wifinet.ip, 'netns', 'del', bare)
+        daemon, monitor = self.begin(prefix=['ip', 'netns', 'exec', bare])
         self.start_wifi(5)
         self.assertTrue(self.net.listening(daemon.pid))
+        line = 'No Wi-Fi interface address: nothing announced, the listener stays up'
+        daemon.wait_for_console(re.escape(line))
+        self.assertEqual(harness.stats(self.bus)['last_failure'], line)
         for absent in ('find_mac:', 'register qvo mirroring dnssd!', 'exit Mirror link!'):
             daemon.assert_no_console(absent)
         self.start_wifi()

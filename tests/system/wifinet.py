@@ -1,4 +1,5 @@
-"""Two network namespaces joined by a veth pair (head-unit end wlan1), each with its own system bus and
+"""Two network namespaces joined by a veth pair (head-unit end wlp1s0, named as a PC names it, not as the
+board's wlan1), each with its own system bus and
 avahi-daemon, so the announcement travels as real mDNS. Skips when not root."""
 
 import atexit
@@ -56,7 +57,7 @@ class WifiNet:
         tag = '%d%03d' % (os.getpid() % 100000, len(_open_nets))
         self.dir = tempfile.mkdtemp(prefix='orvane-wifinet-')
         self._procs, self._namespaces = [], []
-        self.hu = Side('orv-hu-' + tag, 'wlan1', '10.77.0.1', 'orvane-hu-' + tag)
+        self.hu = Side('orv-hu-' + tag, 'wlp1s0', '10.77.0.1', 'orvane-hu-' + tag)
         self.phone = Side('orv-ph-' + tag, 'phone0', '10.77.0.2', 'orvane-phone-' + tag)
         _open_nets.append(self)
         try:
@@ -67,7 +68,7 @@ class WifiNet:
                     raise unittest.SkipTest('ip netns does not work here: %s' % e)
                 self._namespaces.append(side.ns)
                 ip('-n', side.ns, 'link', 'set', 'lo', 'up')
-            # Created directly inside the namespaces, so a real wlan1 of the machine is never touched.
+            # Created directly inside the namespaces, so the machine's own interfaces are never touched.
             ip('link', 'add', self.hu.interface, 'netns', self.hu.ns, 'type', 'veth',
                'peer', 'name', self.phone.interface, 'netns', self.phone.ns)
             for side in (self.hu, self.phone):
