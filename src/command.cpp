@@ -1,5 +1,7 @@
 #include "command.h"
 
+#include "base/ending.h"
+
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -170,6 +172,9 @@ bool command_wait_within(pid_t pid, int* exit_code, int timeout_ms, bool* timed_
         return command_wait(pid, exit_code);
     struct timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
+    const auto ms = [](const timespec& t) { return int64_t(t.tv_sec) * 1000 + t.tv_nsec / 1000000; };
+    // Once the daemon is ending, no child holds it for long.
+    EndingDeadline deadline(ms(start), timeout_ms);
     long pause_us = 1000;
     for (;;) {
         int status;
@@ -189,8 +194,7 @@ bool command_wait_within(pid_t pid, int* exit_code, int timeout_ms, bool* timed_
         }
         struct timespec now;
         clock_gettime(CLOCK_MONOTONIC, &now);
-        const long elapsed_ms = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
-        if (elapsed_ms >= timeout_ms) {
+        if (deadline.due(ms(now))) {
             // A hung adb would otherwise hold the main thread, and with it the D-Bus service, forever.
             *timed_out = true;
             kill(pid, SIGKILL);
@@ -217,7 +221,9 @@ bool command_check_exit_within(pid_t pid, const char* name, int timeout_ms)
     bool timed_out;
     if (command_wait_within(pid, &code, timeout_ms, &timed_out))
         return true;
-    if (timed_out)
+    if (timed_out && daemon_ending())
+        printf("\"%s\" killed: the daemon is ending\n", name);
+    else if (timed_out)
         printf("\"%s\" did not finish within %d ms, killed\n", name, timeout_ms);
     else if (code == -1)
         printf("\"%s\" exited unexpectedly\n", name);

@@ -14,6 +14,8 @@
 #include <unistd.h>
 
 #include "base/console.h"
+#include "base/ending.h"
+#include "base/worker.h"
 #include "platform/defaults.h"
 #include "service/diagnostics.h"
 #include "service/log_line.h"
@@ -28,6 +30,8 @@ int g_end_pipe[2] = {-1, -1};
 
 void end_signal_handler(int sig)
 {
+    // At once, even while the main thread is busy with a start: its waits are cut short from now.
+    daemon_ending_begin();
     const unsigned char byte = static_cast<unsigned char>(sig);
     const ssize_t written = write(g_end_pipe[1], &byte, 1);
     (void)written;
@@ -175,7 +179,11 @@ int main(int argc, char** argv)
     int result;
     {
         OrvaneService service;
-        service.init();
+        {
+            // The bus library's thread, started here, is a worker: the process's signals are not its.
+            WorkerSignalMask mask;
+            service.init();
+        }
         Diagnostics diagnostics(&service);
         app.installEventFilter(&service);
         service.watchDisplayInput();

@@ -8,6 +8,7 @@
 #include <sys/time.h>
 #include <cstring>
 
+#include "base/worker.h"
 #include "net/sock.h"
 #include "video/app_events.h"
 
@@ -26,7 +27,11 @@ bool receiver_start(Receiver* rcv)
     printf("Starting receiver thread");
     rcv->stopped.store(false, std::memory_order_relaxed);
     rcv->thread = new ReceiverThread(rcv);
-    rcv->thread->start(QThread::InheritPriority);
+    if (!worker_start(rcv->thread, QThread::InheritPriority, "orvane-receiver")) {
+        delete rcv->thread;
+        rcv->thread = nullptr;
+        return false;
+    }
     return true;
 }
 

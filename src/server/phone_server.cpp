@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/ending.h"
+#include "base/worker.h"
 #include "command.h"
 #include "net/sock.h"
 #include "server/adb.h"
@@ -163,6 +165,10 @@ static bool wait_for_server(PhoneServer* server, int fd, int64_t deadline)
     for (;;) {
         if (server_has_exited(server))
             return false;
+        if (daemon_ending()) {
+            puts("The daemon is ending: the server's connection is not waited for");
+            return false;
+        }
         const int64_t left = deadline - sock_monotonic_ms();
         if (left <= 0) {
             printf("Server did not connect within %d ms\n", PHONE_SERVER_CONNECT_MS);
@@ -277,7 +283,13 @@ bool phone_server_start_wifi(PhoneServer* server)
         return false;
     }
     server->accept_thread = new NetAcceptThread(server);
-    server->accept_thread->start(QThread::InheritPriority);
+    if (!worker_start(server->accept_thread, QThread::InheritPriority, "orvane-accept")) {
+        // Nobody would take the phone's connection: the start fails rather than wait forever.
+        delete server->accept_thread;
+        server->accept_thread = nullptr;
+        socket_close_guarded(&server->server_socket);
+        return false;
+    }
     return true;
 }
 

@@ -35,6 +35,9 @@ int OrvaneService::init()
     if (ok)
         ok = bus.registerObject("/com/quorva/mirror", this,
                                 QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals);
+    if (ok)
+        ok = bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
+                         "Disconnected", this, SLOT(sessionBusLost()));
     logLine() << "OrvaneApp init dbus:" << ok;
     if (!ok) {
         // Qt 5 answers a taken name with false but no error of its own; say what happened.

@@ -83,8 +83,9 @@ public:
 
     // The display's own touches and keys (a PC's window) reach the phone like the HMI's; main thread.
     void watchDisplayInput();
-    // Tears the link down and leaves the event loop (end signals, the window closed); main thread.
-    void endDaemon(const char* why);
+    // Tears the link down and leaves the event loop with `status` (end signals, the window closed,
+    // the session bus gone); main thread.
+    void endDaemon(const char* why, int status = 0);
 
     // Link state, public so that tests and the input path can read it.
     bool connected;
@@ -118,4 +119,8 @@ public slots:
 
 protected:
     void timerEvent(QTimerEvent* event) override;
+
+private slots:
+    // Not on D-Bus (private): the session bus went away, and with it every HMI.
+    void sessionBusLost();
 };

@@ -1,6 +1,7 @@
 // The display's own input (on a PC, the window that shows the phone), taken on the main thread and
 // put through the same slots as the HMI's D-Bus calls, log lines and press state included; and the
-// orderly end of the daemon that closing the window, like an end signal, asks for.
+// orderly end of the daemon that closing the window, like an end signal or the loss of the session
+// bus, asks for.
 #include <QCoreApplication>
 #include <QSocketNotifier>
 #include <cstdio>
@@ -37,9 +38,16 @@ void OrvaneService::watchDisplayInput()
     });
 }
 
-void OrvaneService::endDaemon(const char* why)
+void OrvaneService::endDaemon(const char* why, int status)
 {
     printf("%s: ending the link and the daemon\n", why);
     exitLink();
-    QCoreApplication::quit();
+    QCoreApplication::exit(status);
+}
+
+void OrvaneService::sessionBusLost()
+{
+    // Unreachable, the daemon would hold the phone's server, the codec and the layer for nothing; a
+    // status that is not 0 lets its supervisor start it again on the new bus.
+    endDaemon("Session bus lost", 1);
 }

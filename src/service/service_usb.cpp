@@ -79,8 +79,11 @@ void OrvaneService::startLink()
         failure = "init stream failed!";
         goto fail;
     }
-    // Without a controller the picture is still shown; touches are then dropped.
-    startController();
+    // A link whose touches could never reach the phone is not reported as up.
+    if (!startController()) {
+        failure = "startController failed!";
+        goto fail;
+    }
     emit onLinkStatusChange(LINK_TYPE_USB, LINK_STATUS_STREAMING);
     return;
 

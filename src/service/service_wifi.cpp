@@ -2,6 +2,7 @@
 #include <QString>
 #include <cstdio>
 
+#include "base/worker.h"
 #include "service/diagnostics.h"
 #include "service/log_line.h"
 #include "service/orvane_service.h"
@@ -54,7 +55,11 @@ void OrvaneService::startWifiLink()
     }
     const QByteArray width = QString::number(screen.screen_width, 10).toLocal8Bit();
     const QByteArray height = QString::number(screen.screen_height, 10).toLocal8Bit();
-    dnssd_register_mirroring(dnssdRef, PHONE_SERVER_PORT, width.constData(), height.constData(), "30");
+    {
+        // The DNS-SD library answers its daemon on a thread of its own: a worker, like ours.
+        WorkerSignalMask mask;
+        dnssd_register_mirroring(dnssdRef, PHONE_SERVER_PORT, width.constData(), height.constData(), "30");
+    }
     puts("register qvo mirroring dnssd!");
     emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_START);
 }

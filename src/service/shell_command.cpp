@@ -1,5 +1,6 @@
 #include "service/shell_command.h"
 
+#include "base/ending.h"
 #include "command.h"
 
 #include <csignal>
@@ -35,7 +36,10 @@ int shell_command_run(const char* text, int timeout_ms)
     bool timed_out = false;
     command_wait_within(pid, &code, timeout_ms, &timed_out);
     if (timed_out) {
-        printf("\"%s\" did not finish within %d ms, killed\n", text, timeout_ms);
+        if (daemon_ending())
+            printf("\"%s\" killed: the daemon is ending\n", text);
+        else
+            printf("\"%s\" did not finish within %d ms, killed\n", text, timeout_ms);
         // The shell is gone; what it started is still in its group.
         kill(-pid, SIGKILL);
     }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/worker.h"
 #include "net/sock.h"
 #include "video/app_events.h"
 #include "video/decoder.h"
@@ -103,7 +104,11 @@ bool stream_start(stream* s)
     s->stop_requested.store(false, std::memory_order_relaxed);
     s->finished.store(false, std::memory_order_relaxed);
     s->thread = new StreamThread(s);
-    s->thread->start(QThread::HighPriority);
+    if (!worker_start(s->thread, QThread::HighPriority, "orvane-stream")) {
+        delete s->thread;
+        s->thread = nullptr;
+        return false;
+    }
     return true;
 }
 

@@ -2,6 +2,7 @@
 // next vsync latches it (that is what get_fb_addr then reports), and wait_for_vsync blocks until a
 // vsync. The vsync is a clock thread on an absolute monotonic schedule when headless, or the
 // refresh of an SDL2 window. The layer's threads live exactly as long as the fb descriptor.
+#include "base/worker.h"
 #include "platform/display.h"
 #include "platform/host/host_platform.h"
 
@@ -14,6 +15,7 @@
 #include <atomic>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include <pthread.h>
@@ -283,10 +285,20 @@ bool display_open(int fd)
     g_layer.snapshot_path = env_string("ORVANE_HOST_SNAPSHOT", "");
     g_layer.snapshot_forced = g_layer.snapshot_dirty = false;
     g_layer.last_snapshot = Clock::now() - std::chrono::seconds(2);
-    if (g_layer.sdl || g_layer.hz > 0)
-        g_layer.clock_thread = std::thread(clock_main);
-    if (!g_layer.snapshot_path.empty())
-        g_layer.snapshot_thread = std::thread(snapshot_main);
+    // The layer's threads are workers: the process's signals are not theirs. A thread the system
+    // refuses means no layer, which the caller reports as a display that cannot be opened.
+    try {
+        WorkerSignalMask mask;
+        if (g_layer.sdl || g_layer.hz > 0)
+            g_layer.clock_thread = std::thread(clock_main);
+        if (!g_layer.snapshot_path.empty())
+            g_layer.snapshot_thread = std::thread(snapshot_main);
+    } catch (const std::system_error& error) {
+        printf("host display: cannot start the layer's threads (%s)\n", error.what());
+        lock.unlock();
+        display_close(fd);
+        return false;
+    }
     return true;
 }
 
