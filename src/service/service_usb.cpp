@@ -115,8 +115,10 @@ bool OrvaneService::connectToServer()
 bool OrvaneService::initVideoBuffer(int width, int height)
 {
     videoBuffers.screen = &screen;
+    // The record is set up (and must be destroyed) even when its area could not be had; a link
+    // without the area could never show a picture, so that is this step's failure.
     videoBufferReady = video_buffer_init(&videoBuffers, serverParams.videoBufferSync, width, height);
-    return videoBufferReady;
+    return videoBufferReady && videoBuffers.mapped_address != VIDEO_BUFFER_UNMAPPED;
 }
 
 void OrvaneService::setDecoderBuffers()

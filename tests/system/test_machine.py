@@ -119,27 +119,32 @@ class Machine(UsbCase):
         return status
 
     def test_threads_and_descriptors_that_run_out(self):
-        # Descriptors from what the idle daemon holds upwards, threads (the daemon's and what it starts)
-        # likewise: every start fails cleanly until one works.
+        # Descriptors and address space from what the idle daemon holds upwards, threads (the daemon's and
+        # what it starts) likewise: every start fails cleanly until one works.
         self.start_usb_daemon(ORVANE_WIFI_INTERFACE='lo')
         limits = PidsLimit(self.daemon.pid)
         self.addCleanup(limits.close)
-        threads, descriptors = self.idle[:2]
-        for resource, link_type, sweep in (('descriptors', LINK_USB, range(descriptors, descriptors + 40)),
-                                           ('threads', LINK_USB, range(threads, threads + 60)),
-                                           ('threads', LINK_WIFI, range(threads, threads + 10))):
+        prlimit = lambda option: subprocess.run(['prlimit', '--pid', str(self.daemon.pid), option], check=True)
+        # What the daemon holds now: its address space grows with the first links (the allocator's arenas).
+        held = lambda: (*self.idle[:2], int(re.search(r'VmSize:\s+(\d+)', harness.read_text(
+            '/proc/%d/status' % self.daemon.pid)).group(1)))
+        for resource, link_type, sweep in (('descriptors', LINK_USB, lambda t, d, kb: range(d, d + 40)),
+                                           ('address space', LINK_USB, lambda t, d, kb: range(kb, kb + 2 ** 19, 2 ** 13)),
+                                           ('threads', LINK_USB, lambda t, d, kb: range(t, t + 60)),
+                                           ('threads', LINK_WIFI, lambda t, d, kb: range(t, t + 10))):
             statuses = []
-            for limit in sweep:
+            for limit in sweep(*held()):
                 with self.subTest(resource=resource, link=link_type, limit=limit):
-                    if resource == 'descriptors':
-                        subprocess.run(['prlimit', '--pid', str(self.daemon.pid), '--nofile=%d:' % limit], check=True)
-                    else:
+                    if resource == 'threads':
                         limits.set(limit)
+                    else:
+                        prlimit('--nofile=%d:' % limit if resource == 'descriptors' else '--as=%d:' % (limit * 1024))
                     statuses.append(self.assert_start_holds(link_type))
                     if statuses[-1] in (3, 4):
                         break
             self.assertEqual((statuses[0], statuses[-1]), (5, 4 if link_type == LINK_USB else 3), resource)
-            subprocess.run(['prlimit', '--pid', str(self.daemon.pid), '--nofile=1024:'], check=True)
+            prlimit('--nofile=1024:')
+            prlimit('--as=unlimited:')
             limits.set('max')
         self.daemon.wait_for_console(r'^Could not start the orvane-accept thread$')
 
