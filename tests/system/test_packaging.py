@@ -118,6 +118,20 @@ class Packaging(unittest.TestCase):
             self.assertEqual(rc, 0, out)
         harness.wait_file(tmp.file('console'), r'OrvaneApp::requestLinkStatus 2 6 $')
 
+        # The session bus goes away: the daemon ends its link and itself with a status that restarts it, and
+        # the next call on the new bus activates a new daemon, which mirrors (the codec and the layer free).
+        bus.proc.kill()
+        harness.wait_until(lambda: harness.reap_orphans(0.1) == [] and not os.path.exists('/proc/%d' % pid), 30,
+                           'the daemon to end with its bus')
+        harness.wait_file(tmp.file('console'), r'Session bus lost: ending the link and the daemon\n(.*\n)*.*screen stoped')
+        bus = harness.PrivateBus(conf, {k: v for k, v in env.items() if k != 'DBUS_SESSION_BUS_ADDRESS'})
+        self.addCleanup(bus.close)
+        seen = len(rig.pictures())
+        self.assertEqual(harness.call(bus, 'start', 'usb', timeout=60)[:2], (0, '2 4 streaming\n'))
+        rig.wait_pictures(5, since=seen)
+        pid = int(harness.dbus_send(bus, '--dest=org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.'
+                                    'GetConnectionUnixProcessID', 'string:' + harness.SERVICE)[1].split()[-1])
+
         # SIGINT, as the unit stops it: an orderly end.
         os.kill(pid, signal.SIGINT)
         harness.wait_until(lambda: harness.reap_orphans(0.1) == [] and not os.path.exists('/proc/%d' % pid), 10,
