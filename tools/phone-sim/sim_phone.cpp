@@ -186,8 +186,9 @@ void PhoneUi::touch(int action, uint32_t pointer_id, int32_t x, int32_t y, int w
     const Point p{int(std::clamp<int64_t>(int64_t(x) * layout_.width / width, 0, layout_.width - 1)),
                   int(std::clamp<int64_t>(int64_t(y) * layout_.height / height, 0, layout_.height - 1))};
     if (action == 0) {
-        if (down_)
+        if (down_ && pointer_id != pointer_)
             return; // a second finger: only the first is followed
+        // The same finger down again (its release was lost) starts a new gesture.
         down_ = true;
         pointer_ = pointer_id;
         down_at_ = finger_ = p;
@@ -198,10 +199,9 @@ void PhoneUi::touch(int action, uint32_t pointer_id, int32_t x, int32_t y, int w
             fling_v_ = 0.0;
             say("list scrolled to " + std::to_string(std::lround(scroll_)));
         }
-        if (!menu_open_ && layout_.content.contains(p.x, p.y)) {
-            scrolling_ = app_ == App::List;
-            drawing_ = app_ == App::Draw;
-        }
+        const bool in_content = !menu_open_ && layout_.content.contains(p.x, p.y);
+        scrolling_ = in_content && app_ == App::List;
+        drawing_ = in_content && app_ == App::Draw;
         scroll_at_down_ = scroll_;
         samples_.assign(1, {now_ns, p.y});
         if (drawing_)
