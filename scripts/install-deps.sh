@@ -7,7 +7,7 @@ PKGS=(
   build-essential cmake ninja-build pkg-config git clang clang-format libclang-rt-14-dev
   qtbase5-dev qtbase5-dev-tools qt6-base-dev qt6-base-dev-tools
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev ffmpeg
-  libsdl2-dev
+  libsdl2-dev libcairo2-dev fonts-dejavu-core
   libavahi-compat-libdnssd-dev avahi-daemon avahi-utils libnss-mdns
   dbus dbus-bin dbus-daemon
   adb

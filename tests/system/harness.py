@@ -365,6 +365,7 @@ class UsbRig:
     def env(self, fb='1024x600', fps=30, events=None, adb=None, **extra):
         return dict({'ADB': adb or binary('fake-adb'), 'FAKE_ADB_LOG': self.adb_log, 'PHONE_SIM_LOG': self.sim_log,
                      'PHONE_SIM_CONTROL_LOG': self.control_log, 'PHONE_SIM_FPS': str(fps), 'ORVANE_HOST_FB': fb,
+                     'PHONE_SIM_SCREEN': 'pattern',  # what the checks of the picture look for
                      'ORVANE_HOST_FRAMELOG': self.framelog, 'ORVANE_HOST_SNAPSHOT': self.snapshot,
                      'ORVANE_OTG_COMMAND': 'echo "%s"' % self.OTG_TRACE, 'ORVANE_ADB_DEVICES_COMMAND': 'true',
                      'ORVANE_ADB_KILL_COMMAND': 'echo "%s"' % self.ADB_KILL_TRACE},

@@ -35,7 +35,8 @@ class Wifi(UsbCase):
     def phone(self, *args, log='phone.log', events=None, direct=True):
         """phone-sim in Wi-Fi mode in the phone's namespace; returns (process, log path)."""
         path, args = self.tmp.file(log), (('--connect', '%s:%d' % (self.net.hu.address, PORT)) if direct else ()) + args
-        env = self.net.phone.env(dict({'PHONE_SIM_LOG': path}, **({'PHONE_SIM_EVENTS': events} if events else {})))
+        env = self.net.phone.env(dict({'PHONE_SIM_LOG': path, 'PHONE_SIM_SCREEN': 'pattern'},
+                                      **({'PHONE_SIM_EVENTS': events} if events else {})))
         proc = self.net.spawn([harness.binary('phone-sim'), 'wifi'] + list(args), env=env, log=path + '.out',
                               side=self.net.phone)
         self.addCleanup(self.net.stop, proc)

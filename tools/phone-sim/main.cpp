@@ -1,9 +1,9 @@
 // phone-sim: stands in for the phone. As the phone-side server (launched by fake-adb where adb
 // would start it with app_process) it makes or takes the video and control connections, sends the
-// device information and a real H.264 stream, logs every control message it receives and sends
-// device messages on request. As the Wi-Fi phone app it connects to the head unit and streams.
-// Usage text below lists the environment that scripts it; the test pattern is described in
-// sim_encoder.h.
+// device information and a real H.264 stream of its screen, logs every control message it receives,
+// hands touches and keys to its screen and sends device messages on request. As the Wi-Fi phone app
+// it connects to the head unit and streams. Usage text below lists the environment that scripts it;
+// the phone's screen is described in sim_phone.h, the test pattern in sim_encoder.h.
 #include <atomic>
 #include <cerrno>
 #include <cinttypes>
@@ -29,7 +29,7 @@
 #include <unistd.h>
 
 #include "sim_discovery.h"
-#include "sim_encoder.h"
+#include "sim_source.h"
 #include "sim_wire.h"
 
 namespace {
@@ -55,20 +55,48 @@ const char kUsage[] =
     "               address; the scripted events and --drop-at apply to the first connection only)\n"
     "\n"
     "Video: 68-byte device information, then H.264 access units framed by a 12-byte header\n"
-    "(PTS u64, length u32, big-endian). Live pattern from libx264 at SIZE (default 1280x720):\n"
+    "(PTS u64, length u32, big-endian; all ones marks the first picture after a rotation), from\n"
+    "libx264 at the bit rate asked for.\n"
+    "\n"
+    "Phone screen (PHONE_SIM_SCREEN=phone, the default): fits SIZE (default 1280:720) in the current\n"
+    "orientation, portrait first (720x1280). Sent when it changes, at most at the frame rate; 8 times\n"
+    "at the frame rate after the connection is made and after each rotation; the last picture again\n"
+    "every PHONE_SIM_REPEAT_MS while nothing changes. A tap (down and up within 24 px and 600 ms) acts\n"
+    "where it ends. Keys act when released: back closes the menu or leaves the app, home goes home,\n"
+    "menu opens or closes the menu. A dot shows where the finger is.\n"
+    "Layout in phone pixels (x,y wxh) for SIZE 1280:720; other sizes scale by short side/720:\n"
+    "                portrait 720x1280          landscape 1280x720\n"
+    "  status bar    0,0 720x64                 0,0 1280x64        clock HH:MM\n"
+    "  tile List     40,160 300x300   red       32,252 280x280     a list of 200 rows of 96 px:\n"
+    "                                                              drag scrolls, a fast release flings\n"
+    "  tile Draw     380,160 300x300  green     344,252 280x280    a pad that draws the finger's path\n"
+    "  tile Rotate   40,520 300x300   blue      656,252 280x280    a button that turns the phone\n"
+    "  tile About    380,520 300x300  amber     968,252 280x280    text about the phone\n"
+    "  app bar       0,64 720x112               0,64 1280x112      in its tile's colour\n"
+    "  back arrow    0,64 112x112               0,64 112x112\n"
+    "  Draw's Clear  560,64 160x112             1120,64 160x112\n"
+    "  content       0,176 720x1104             0,176 1280x544\n"
+    "  rotate button 110,578 500x300            390,298 500x300\n"
+    "  menu panel    376,72 328x384             936,72 328x384     items 96 high: Home, Rotate screen,\n"
+    "                                                              Show touches, Clear drawing\n"
+    "Test pattern (PHONE_SIM_SCREEN=pattern) at SIZE, at the frame rate:\n"
     "  top 5/6: left third red, middle third green, right third blue;\n"
     "  bottom 1/6: black with a moving white square.\n"
     "\n"
     "Environment:\n"
     "  PHONE_SIM_PORT         tunnel port (default 27555)\n"
     "  PHONE_SIM_NAME         device name (default \"Orvane Phone Simulator\")\n"
-    "  PHONE_SIM_SIZE         W:H announced in the device information (default: SIZE)\n"
-    "  PHONE_SIM_FPS          frame rate (default 30)\n"
-    "  PHONE_SIM_CLIP         Annex-B H.264 file to send (looped) instead of the live pattern\n"
-    "  PHONE_SIM_LOG          progress log: connections, frames, acks, end reason\n"
+    "  PHONE_SIM_SIZE         W:H announced in the device information (default: the picture's size)\n"
+    "  PHONE_SIM_FPS          frame rate (default 30); the phone's highest\n"
+    "  PHONE_SIM_SCREEN       phone (default) or pattern\n"
+    "  PHONE_SIM_REPEAT_MS    the phone repeats a still picture this often (default 1000, 0 never)\n"
+    "  PHONE_SIM_CLIP         Annex-B H.264 file to send (looped) instead of either\n"
+    "  PHONE_SIM_LOG          progress log: connections, frames (the phone's with why: changed, burst,\n"
+    "                         repeat), 'ui:' lines for what the phone's screen did, acks, end reason\n"
     "  PHONE_SIM_CONTROL_LOG  one JSON line per control message received (with \"t_ns\")\n"
-    "  PHONE_SIM_EVENTS       comma list: rotate@N eos@N close@N reset@N stall@N oversize@N\n"
-    "                         garbage@N close-control@N clipboard:TEXT@N notify@N short-info frames=N\n"
+    "  PHONE_SIM_EVENTS       comma list: rotate@N (the phone turns) eos@N close@N reset@N stall@N\n"
+    "                         oversize@N garbage@N close-control@N clipboard:TEXT@N notify@N short-info "
+    "frames=N\n"
     "                         idle:SECONDS@N (a still screen: nothing sent for SECONDS, then on)\n"
     "                         info-bytes=N (only N bytes of the device information, then silence)\n"
     "                         ignore-control (never read the control connection)\n"
@@ -216,12 +244,10 @@ struct Config {
     bool tunnel_forward = false;
     int port = 27555;
     std::string host = "127.0.0.1";
-    int width = 1280, height = 720;           // encoded picture
-    int info_width = 1280, info_height = 720; // announced in the device information
-    int64_t bit_rate = 8000000;
-    int fps = 30;
+    sim::SourceConfig source;
+    bool info_given = false; // announce info_width x info_height instead of the picture's size
+    int info_width = 0, info_height = 0;
     std::string name = "Orvane Phone Simulator";
-    std::string clip;
     std::string control_log;
     sim::Script script;
     bool bad_magic = false;
@@ -232,9 +258,9 @@ struct Config {
     long drop_at = -1;
 };
 
-// Reads the head unit's control messages and logs each one as a JSON line the moment it is
-// complete; a message may arrive in pieces.
-void control_reader(int fd, std::string log_path)
+// Reads the head unit's control messages, logs each one as a JSON line the moment it is complete
+// (a message may arrive in pieces) and hands it to the phone's screen.
+void control_reader(int fd, std::string log_path, sim::FrameSource* source)
 {
     int log_fd = -1;
     if (!log_path.empty())
@@ -261,6 +287,7 @@ void control_reader(int fd, std::string log_path)
             const std::string line = sim::control_to_json(rec, "\"t_ns\":" + std::to_string(t)) + "\n";
             if (log_fd >= 0 && write(log_fd, line.data(), line.size()) < 0)
                 logf("control log write failed: %s", strerror(errno));
+            source->control(rec);
         }
         pending.erase(pending.begin(), pending.begin() + long(off));
         if (used < 0) {
@@ -278,8 +305,10 @@ void control_reader(int fd, std::string log_path)
         close(log_fd);
 }
 
-// Counts the head unit's acknowledge bytes and notices when it goes away.
-void video_back_reader(int fd, std::atomic<bool>* peer_gone, const std::atomic<unsigned>* sent)
+// Counts the head unit's acknowledge bytes and notices when it goes away (also when the simulator
+// is told to stop: that shuts the socket down).
+void video_back_reader(int fd, std::atomic<bool>* peer_gone, const std::atomic<unsigned>* sent,
+                       sim::FrameSource* source)
 {
     uint8_t buf[64];
     unsigned acks = 0;
@@ -298,48 +327,8 @@ void video_back_reader(int fd, std::atomic<bool>* peer_gone, const std::atomic<u
     }
     logf("video connection ended (%u acks)", acks);
     *peer_gone = true;
+    source->interrupt();
 }
-
-class FrameSource
-{
-public:
-    bool open(const Config& cfg, std::string* error)
-    {
-        if (!cfg.clip.empty()) {
-            FILE* f = fopen(cfg.clip.c_str(), "rb");
-            if (f == nullptr) {
-                *error = "cannot open " + cfg.clip + ": " + strerror(errno);
-                return false;
-            }
-            std::vector<uint8_t> data;
-            uint8_t chunk[65536];
-            size_t n;
-            while ((n = fread(chunk, 1, sizeof chunk, f)) > 0)
-                data.insert(data.end(), chunk, chunk + n);
-            fclose(f);
-            units_ = sim::split_access_units(data);
-            if (units_.empty()) {
-                *error = cfg.clip + " holds no H.264 access units";
-                return false;
-            }
-            return true;
-        }
-        return encoder_.open(cfg.width, cfg.height, cfg.fps, cfg.bit_rate, error);
-    }
-
-    bool next(unsigned n, std::vector<uint8_t>* out, std::string* error)
-    {
-        if (!units_.empty()) {
-            *out = units_[n % units_.size()];
-            return true;
-        }
-        return encoder_.encode(n, out, error);
-    }
-
-private:
-    std::vector<std::vector<uint8_t>> units_;
-    sim::LiveEncoder encoder_;
-};
 
 enum class End { Terminated, PeerGone, Closed, Error };
 
@@ -372,13 +361,16 @@ End wait_for_close(int video, const char* what)
     return End::PeerGone;
 }
 
-End stream(const Config& cfg, FrameSource* source, int* video, int* control)
+End stream(const Config& cfg, sim::FrameSource* source, int* video, int* control)
 {
     std::atomic<bool> peer_gone{false};
     std::atomic<unsigned> sent{0};
     const std::string name = (cfg.wifi ? (cfg.bad_magic ? "AFFB" : "AFFA") : "") + cfg.name;
+    int info_width = cfg.info_width, info_height = cfg.info_height;
+    if (!cfg.info_given)
+        source->size(&info_width, &info_height);
     const std::vector<uint8_t> info =
-        sim::encode_device_info(name, uint16_t(cfg.info_width), uint16_t(cfg.info_height));
+        sim::encode_device_info(name, uint16_t(info_width), uint16_t(info_height));
 
     if (cfg.script.info_bytes >= 0) {
         send_all(*video, info.data(), size_t(cfg.script.info_bytes));
@@ -394,21 +386,24 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
         logf("device information not sent: %s", strerror(errno));
         return g_stop ? End::Terminated : End::Error;
     }
-    logf("device information sent: \"%s\" %dx%d", name.c_str(), cfg.info_width, cfg.info_height);
+    logf("device information sent: \"%s\" %dx%d", name.c_str(), info_width, info_height);
 
-    std::thread back(video_back_reader, *video, &peer_gone, &sent);
+    std::string error;
+    if (!source->begin(&error)) {
+        logf("no stream: %s", error.c_str());
+        fprintf(stderr, "phone-sim: %s\n", error.c_str());
+        return End::Error;
+    }
+    std::thread back(video_back_reader, *video, &peer_gone, &sent, source);
     std::thread ctl;
     bool control_ended = false;
     bool reset = false;
     if (*control >= 0 && !cfg.script.ignore_control)
-        ctl = std::thread(control_reader, *control, cfg.control_log);
+        ctl = std::thread(control_reader, *control, cfg.control_log, source);
 
     std::mt19937 rng(12345);
-    const int64_t period = 1000000000 / cfg.fps;
-    int64_t due = monotonic_ns();
     End end = End::Error;
-    std::vector<uint8_t> unit;
-    std::string error;
+    sim::Frame frame;
     for (unsigned n = 0;; ++n) {
         if (g_stop) {
             end = End::Terminated;
@@ -422,7 +417,10 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
             end = idle(peer_gone, "frame limit reached");
             break;
         }
-        bool rotate = false;
+        if (!source->wait()) {
+            end = g_stop ? End::Terminated : End::PeerGone;
+            break;
+        }
         bool finished = false;
         uint8_t header[sim::kPacketHeaderSize];
         for (const sim::Event& ev : cfg.script.events) {
@@ -430,7 +428,7 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
                 continue;
             switch (ev.kind) {
             case sim::EventKind::Rotate:
-                rotate = true;
+                source->rotate();
                 break;
             case sim::EventKind::Clipboard:
             case sim::EventKind::Notify: {
@@ -448,7 +446,7 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
                 control_ended = true;
                 break;
             case sim::EventKind::Eos:
-                sim::encode_packet_header(header, uint64_t(n) * 1000000 / unsigned(cfg.fps), 0);
+                sim::encode_packet_header(header, uint64_t(n) * 1000000 / unsigned(cfg.source.fps), 0);
                 send_all(*video, header, sizeof header);
                 logf("end of stream sent at frame %u", n);
                 end = idle(peer_gone, "after end of stream");
@@ -494,30 +492,22 @@ End stream(const Config& cfg, FrameSource* source, int* video, int* control)
         if (finished)
             break;
 
-        if (!source->next(n, &unit, &error)) {
+        if (!source->next(n, &frame, &error)) {
             logf("no frame: %s", error.c_str());
             fprintf(stderr, "phone-sim: %s\n", error.c_str());
             end = End::Error;
             break;
         }
-        sim::encode_packet_header(header,
-                                  rotate ? sim::kRotationPts : uint64_t(n) * 1000000 / unsigned(cfg.fps),
+        const std::vector<uint8_t>& unit = frame.unit;
+        sim::encode_packet_header(header, frame.rotation ? sim::kRotationPts : frame.pts,
                                   uint32_t(unit.size()));
         if (!send_all(*video, header, sizeof header) || !send_all(*video, unit.data(), unit.size())) {
             end = g_stop ? End::Terminated : End::PeerGone;
             break;
         }
         sent = n + 1;
-        logf("frame %u %zu bytes%s", n, unit.size(), rotate ? " rotation" : "");
-
-        due += period;
-        const int64_t now = monotonic_ns();
-        if (due > now) {
-            timespec ts{time_t((due - now) / 1000000000), long((due - now) % 1000000000)};
-            nanosleep(&ts, nullptr);
-        } else {
-            due = now; // fell behind (slow encoder or a full socket): no burst to catch up
-        }
+        logf("frame %u %zu bytes%s%s%s%s", n, unit.size(), frame.rotation ? " rotation" : "",
+             frame.reason ? " (" : "", frame.reason ? frame.reason : "", frame.reason ? ")" : "");
     }
 
     // Wake the readers and collect them before the descriptors go away (a reset must not be
@@ -617,7 +607,7 @@ const char* end_text(End e)
     return "?";
 }
 
-int run_server(Config& cfg)
+int run_server(Config& cfg, sim::FrameSource& source)
 {
     const std::string& launch = cfg.script.launch;
     if (launch == "exit-at-launch") {
@@ -631,9 +621,8 @@ int run_server(Config& cfg)
         logf("end: terminated");
         return 0;
     }
-    FrameSource source;
     std::string error;
-    if (!cfg.script.short_info && cfg.script.info_bytes < 0 && !source.open(cfg, &error)) {
+    if (!cfg.script.short_info && cfg.script.info_bytes < 0 && !source.open(&error)) {
         fprintf(stderr, "phone-sim: %s\n", error.c_str());
         return 1;
     }
@@ -674,11 +663,10 @@ int run_server(Config& cfg)
     return end == End::Error ? 1 : 0;
 }
 
-int run_wifi(Config& cfg)
+int run_wifi(Config& cfg, sim::FrameSource& source)
 {
-    FrameSource source;
     std::string error;
-    if (!cfg.silent && !cfg.script.short_info && !source.open(cfg, &error)) {
+    if (!cfg.silent && !cfg.script.short_info && !source.open(&error)) {
         fprintf(stderr, "phone-sim: %s\n", error.c_str());
         return 1;
     }
@@ -761,8 +749,8 @@ int main(int argc, char** argv)
             size_given = true;
         }
         char* end = nullptr;
-        cfg.bit_rate = strtoll(argv[3], &end, 10);
-        if (*end != '\0' || cfg.bit_rate <= 0)
+        cfg.source.bit_rate = strtoll(argv[3], &end, 10);
+        if (*end != '\0' || cfg.source.bit_rate <= 0)
             return bad_usage("BITRATE must be a positive decimal number");
         if (strcmp(argv[4], "true") != 0 && strcmp(argv[4], "false") != 0)
             return bad_usage("TUNNEL_FORWARD must be true or false");
@@ -820,22 +808,29 @@ int main(int argc, char** argv)
     }
 
     if (size_given) {
-        cfg.width = cfg.info_width = size_w;
-        cfg.height = cfg.info_height = size_h;
+        cfg.source.width = size_w;
+        cfg.source.height = size_h;
     }
     if (const char* s = getenv("PHONE_SIM_SIZE"); s != nullptr && *s != '\0') {
         if (!parse_size(s, &cfg.info_width, &cfg.info_height))
             return bad_usage("PHONE_SIM_SIZE must be W:H");
+        cfg.info_given = true;
     }
     if (!cfg.wifi)
         cfg.port = env_int("PHONE_SIM_PORT", 27555, 1, 65535, &ok);
-    cfg.fps = env_int("PHONE_SIM_FPS", 30, 1, 240, &ok);
+    cfg.source.fps = env_int("PHONE_SIM_FPS", 30, 1, 240, &ok);
+    cfg.source.repeat_ms = env_int("PHONE_SIM_REPEAT_MS", 1000, 0, 3600000, &ok);
     if (!ok)
         return bad_usage("bad environment");
+    if (const char* s = getenv("PHONE_SIM_SCREEN"); s != nullptr && *s != '\0') {
+        if (strcmp(s, "phone") != 0 && strcmp(s, "pattern") != 0)
+            return bad_usage("PHONE_SIM_SCREEN must be phone or pattern");
+        cfg.source.screen = strcmp(s, "phone") == 0 ? sim::Screen::Phone : sim::Screen::Pattern;
+    }
     if (const char* s = getenv("PHONE_SIM_NAME"))
         cfg.name = s;
     if (const char* s = getenv("PHONE_SIM_CLIP"))
-        cfg.clip = s;
+        cfg.source.clip = s;
     if (const char* s = getenv("PHONE_SIM_CONTROL_LOG"))
         cfg.control_log = s;
     std::string script_error;
@@ -860,10 +855,13 @@ int main(int argc, char** argv)
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     std::thread signals(signal_thread);
 
+    sim::FrameSource source(cfg.source, [](const std::string& line) { logf("%s", line.c_str()); });
+    int width = 0, height = 0;
+    source.size(&width, &height);
     logf("start: %s mode, port %d, picture %dx%d, info %dx%d, %d fps, %s", cfg.wifi ? "wifi" : "server",
-         cfg.port, cfg.width, cfg.height, cfg.info_width, cfg.info_height, cfg.fps,
-         cfg.clip.empty() ? "live pattern" : cfg.clip.c_str());
-    const int rc = cfg.wifi ? run_wifi(cfg) : run_server(cfg);
+         cfg.port, width, height, cfg.info_given ? cfg.info_width : width,
+         cfg.info_given ? cfg.info_height : height, cfg.source.fps, source.describe());
+    const int rc = cfg.wifi ? run_wifi(cfg, source) : run_server(cfg, source);
 
     if (!g_stop)
         pthread_kill(signals.native_handle(), SIGUSR1);

@@ -7,6 +7,7 @@ extern "C" {
 #include <libavutil/error.h>
 #include <libavutil/log.h>
 #include <libavutil/opt.h>
+#include <libswscale/swscale.h>
 }
 
 namespace sim {
@@ -35,6 +36,13 @@ std::string av_error(int err)
 
 LiveEncoder::~LiveEncoder()
 {
+    close();
+}
+
+void LiveEncoder::close()
+{
+    sws_freeContext(sws_);
+    sws_ = nullptr;
     av_packet_free(&packet_);
     av_frame_free(&frame_);
     avcodec_free_context(&ctx_);
@@ -42,6 +50,7 @@ LiveEncoder::~LiveEncoder()
 
 bool LiveEncoder::open(int width, int height, int fps, int64_t bit_rate, std::string* error)
 {
+    close();
     width_ = width & ~1;
     height_ = height & ~1;
     if (width_ < 16 || height_ < 16) {
@@ -121,16 +130,44 @@ void LiveEncoder::draw(unsigned n)
     }
 }
 
+bool LiveEncoder::writable(std::string* error)
+{
+    const int err = av_frame_make_writable(frame_);
+    if (err < 0)
+        *error = "picture not writable: " + av_error(err);
+    return err >= 0;
+}
+
 bool LiveEncoder::encode(unsigned n, std::vector<uint8_t>* out, std::string* error)
 {
-    int err = av_frame_make_writable(frame_);
-    if (err < 0) {
-        *error = "picture not writable: " + av_error(err);
+    if (!writable(error))
+        return false;
+    draw(n);
+    return encode_loaded(n, out, error);
+}
+
+bool LiveEncoder::load_argb(const uint8_t* pixels, int stride, std::string* error)
+{
+    if (!writable(error))
+        return false;
+    // RGB32 is libswscale's name for ARGB in native-endian words; the YUV side gets the BT.601
+    // limited range the head unit's decoder assumes, like the pattern.
+    sws_ = sws_getCachedContext(sws_, width_, height_, AV_PIX_FMT_RGB32, width_, height_, AV_PIX_FMT_YUV420P,
+                                SWS_BILINEAR, nullptr, nullptr, nullptr);
+    if (sws_ == nullptr) {
+        *error = "no colour conversion from ARGB";
         return false;
     }
-    draw(n);
+    const uint8_t* src[1] = {pixels};
+    const int src_stride[1] = {stride};
+    sws_scale(sws_, src, src_stride, 0, height_, frame_->data, frame_->linesize);
+    return true;
+}
+
+bool LiveEncoder::encode_loaded(unsigned n, std::vector<uint8_t>* out, std::string* error)
+{
     frame_->pts = n;
-    err = avcodec_send_frame(ctx_, frame_);
+    int err = avcodec_send_frame(ctx_, frame_);
     if (err < 0) {
         *error = "encode: " + av_error(err);
         return false;
