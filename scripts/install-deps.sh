@@ -13,6 +13,7 @@ PKGS=(
   adb
   libgtest-dev googletest
   iproute2 procps psmisc python3
+  xvfb xdotool help2man util-linux systemd
 )
 
 missing=()

@@ -89,7 +89,7 @@ const char kUsage[] =
     "  PHONE_SIM_SIZE         W:H announced in the device information (default: the picture's size)\n"
     "  PHONE_SIM_FPS          frame rate (default 30); the phone's highest\n"
     "  PHONE_SIM_SCREEN       phone (default) or pattern\n"
-    "  PHONE_SIM_REPEAT_MS    the phone repeats a still picture this often (default 1000, 0 never)\n"
+    "  PHONE_SIM_REPEAT_MS    the phone repeats a still picture this often (default 250, 0 never)\n"
     "  PHONE_SIM_CLIP         Annex-B H.264 file to send (looped) instead of either\n"
     "  PHONE_SIM_LOG          progress log: connections, frames (the phone's with why: changed, burst,\n"
     "                         repeat), 'ui:' lines for what the phone's screen did, acks, end reason\n"
@@ -819,7 +819,7 @@ int main(int argc, char** argv)
     if (!cfg.wifi)
         cfg.port = env_int("PHONE_SIM_PORT", 27555, 1, 65535, &ok);
     cfg.source.fps = env_int("PHONE_SIM_FPS", 30, 1, 240, &ok);
-    cfg.source.repeat_ms = env_int("PHONE_SIM_REPEAT_MS", 1000, 0, 3600000, &ok);
+    cfg.source.repeat_ms = env_int("PHONE_SIM_REPEAT_MS", 250, 0, 3600000, &ok);
     if (!ok)
         return bad_usage("bad environment");
     if (const char* s = getenv("PHONE_SIM_SCREEN"); s != nullptr && *s != '\0') {

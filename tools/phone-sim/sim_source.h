@@ -31,7 +31,7 @@ struct SourceConfig {
     int width = 1280, height = 720; // the size asked for: the pattern's picture, the phone's bounds
     int fps = 30;
     int64_t bit_rate = 8000000;
-    int repeat_ms = 1000;
+    int repeat_ms = 250;
 };
 
 struct Frame {
