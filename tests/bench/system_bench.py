@@ -9,7 +9,12 @@ a pre-encoded libx264 clip), each against a limit or a baseline measured in the 
 - CPU per shown picture against the decoder's CPU time for the frames decoded per shown picture;
 - touch latency against a D-Bus Peer.Ping round trip to the daemon (touch_bench);
 - resident memory idle, streaming and after 200 USB link cycles, as anonymous, other shared
-  (the allocator's memfd areas) and file-backed (libraries) pages.
+  (the allocator's memfd areas) and file-backed (libraries) pages;
+- the window on a real X server (Xvfb): the input round trip, from an X pointer event (XTest) to the
+  latch of the phone's picture that answers it (phone-sim's own screen draws a dot where a finger is),
+  against its limit: one frame period of the phone, the picture's decode (the daemon's own median),
+  then the next vsync of the window; and the pictures shown per second of a streaming phone while a
+  drag storm (a pointer event every millisecond) goes to the phone, against the same without it.
 The simulator's progress log is a FIFO read here, each 'frame N' line stamped with CLOCK_MONOTONIC on
 arrival (it is written right after the frame's last byte); the daemon's frame log uses the same clock.
 Prints tables, then `ratio NAME VALUE` lines (limit or baseline over the measure, at most 1).
@@ -18,6 +23,7 @@ Prints tables, then `ratio NAME VALUE` lines (limit or baseline over the measure
 """
 
 import contextlib
+import ctypes
 import math
 import os
 import re
@@ -206,6 +212,98 @@ def latency(sent, latches):
     return out
 
 
+class XTest:
+    """Real pointer events on an X server, as the XTest extension makes them (xdotool's way), timed."""
+
+    def __init__(self, display):
+        self.x11, xtst = ctypes.CDLL('libX11.so.6'), ctypes.CDLL('libXtst.so.6')
+        self.x11.XOpenDisplay.restype, self.x11.XOpenDisplay.argtypes = ctypes.c_void_p, [ctypes.c_char_p]
+        self.x11.XFlush.argtypes = self.x11.XCloseDisplay.argtypes = [ctypes.c_void_p]
+        xtst.XTestFakeMotionEvent.argtypes = [ctypes.c_void_p, ctypes.c_int, ctypes.c_int, ctypes.c_int, ctypes.c_ulong]
+        xtst.XTestFakeButtonEvent.argtypes = [ctypes.c_void_p, ctypes.c_uint, ctypes.c_int, ctypes.c_ulong]
+        self.xtst, self.display = xtst, self.x11.XOpenDisplay(display.encode())
+
+    def _flush(self):
+        self.x11.XFlush(self.display)
+        return time.monotonic_ns()
+
+    def move(self, x, y):
+        self.xtst.XTestFakeMotionEvent(self.display, -1, x, y, 0)
+        return self._flush()
+
+    def button(self, down):
+        self.xtst.XTestFakeButtonEvent(self.display, 1, int(down), 0)
+        return self._flush()
+
+    def close(self):
+        self.x11.XCloseDisplay(self.display)
+
+
+@contextlib.contextmanager
+def window_daemon(x, work, **rig_options):
+    """usb_daemon in a window on x, streaming; yields it with the window's origin on the screen and the
+    window's refresh rate."""
+    with usb_daemon(work, DISPLAY=x.display, ORVANE_HOST_DISPLAY='sdl', **rig_options) as (rig, bus, daemon,
+                                                                                           monitor):
+        link(bus, monitor, 3, 4)
+        hz = int(daemon.wait_for_console(r'^host display: window \d+x\d+ \(\w+, (\d+) Hz\)', 20).group(1))
+        wid = x.window(daemon.pid)
+        g = dict(re.findall(r'(\w+)=(\d+)', x.xdotool('getwindowgeometry', '--shell', wid)))
+        yield rig, bus, (int(g['X']), int(g['Y'])), hz
+
+
+def run_window(work, taps=40, storm_s=4.0):
+    """The input round trip through the window, and the frame path with and without a drag storm."""
+    from test_window import Xvfb, PORTRAIT
+    x = Xvfb()
+    xtest = XTest(x.display)
+    try:
+        # Taps on the phone's own screen (home background, below the tiles): each press and each release
+        # changes its picture (the finger's dot), which it sends at once; nothing else changes it.
+        with window_daemon(x, os.path.join(work, 'taps'), fps=60, PHONE_SIM_SCREEN='phone',
+                           PHONE_SIM_REPEAT_MS='0') as (rig, bus, (ox, oy), hz):
+            time.sleep(1.0)  # past the phone's first burst of pictures
+            events = []
+            for i in range(taps):
+                xtest.move(ox + PORTRAIT[0] + 60 + 5 * i, oy + 500)
+                time.sleep(0.05)
+                for down in (True, False):
+                    events.append(xtest.button(down))
+                    time.sleep(0.15)
+            decode_ms = float(harness.stats(bus)['decode_ms_p50'])
+        latches = [int(line.split()[0]) for line in harness.read_text(rig.framelog).splitlines()]
+        period, phone_period = 1e9 / hz, 1e9 / 60
+        next_vsync = vsync_grid(latches, period)
+        measured = [(next(t for t in latches if t > e) - e) / 1e6 for e in events if latches[-1] > e]
+        limits = [(next_vsync(e + phone_period + decode_ms * 1e6) - e) / 1e6 for e in events]
+        # A streaming phone (the live pattern at 60 fps), its pictures shown per second without input,
+        # then under a drag storm.
+        with window_daemon(x, os.path.join(work, 'storm'), fps=60) as (rig, bus, (ox, oy), hz):
+            time.sleep(1.0)
+            rates = []
+            for storm in (False, True):
+                begin = time.monotonic_ns()
+                if storm:
+                    xtest.move(ox + 100, oy + 100)
+                    xtest.button(True)
+                    i = 0
+                    while time.monotonic_ns() - begin < storm_s * 1e9:
+                        i += 1
+                        xtest.move(ox + 100 + i % 800, oy + 100 + (i * 7) % 400)
+                        time.sleep(0.001)
+                    xtest.button(False)
+                else:
+                    time.sleep(storm_s)
+                end = time.monotonic_ns()
+                shown = [int(l.split()[0]) for l in harness.read_text(rig.framelog).splitlines() if l.endswith(' 1')]
+                rates.append(sum(begin <= t <= end for t in shown) / ((end - begin) / 1e9))
+            moves = sum(c['type'] == 'touch' and c['action'] == 2 for c in rig.controls())
+        return dict(measured=measured, limits=limits, decode_ms=decode_ms, hz=hz, rates=rates, moves=moves)
+    finally:
+        xtest.close()
+        x.close()
+
+
 def run_cycles(work):
     """Resident memory idle and after 1, 20 and CYCLES USB links through one daemon (a small screen
     and a slow phone, so that the cycles measure the link's life rather than decoding)."""
@@ -238,6 +336,7 @@ def main():
             r = run_link(clip, size, os.path.join(tmp.path, name), decode_ms, touches)
             rows.append(dict(r, name=name, decode_ms=decode_ms, decode_cpu_ms=decode_cpu_ms))
         cycles = run_cycles(os.path.join(tmp.path, 'cycles'))
+        window = run_window(os.path.join(tmp.path, 'window'))
 
         print('frame latency: phone-sim send -> picture latched (%d fps phone, %d Hz vsync), and its limit:' % (
             PHONE_FPS, HZ))
@@ -278,6 +377,19 @@ def main():
         print('requestTouchAction: reply back + phone read  %7.3f / %7.3f' % (percentile(touches, 0.5),
                                                                             percentile(touches, 0.99)))
         ratios.append(('touch_p99_vs_dbus_ping', percentile(pings, 0.99) / percentile(touches, 0.99)))
+        print()
+        w = window
+        print('window on Xvfb (%d Hz): input round trip, X pointer event -> the phone\'s answering picture latched' %
+              w['hz'])
+        print('(%d presses and releases; limit: one phone frame period (60 fps) + decode (%.2f ms, the daemon\'s\n'
+              ' median) + the next vsync of the window), ms' % (len(w['measured']), w['decode_ms']))
+        for q in (0.5, 0.99):
+            measured, limit = percentile(w['measured'], q), percentile(w['limits'], q)
+            print('p%-3d measured %7.2f   limit %7.2f   ratio %5.2f' % (q * 100, measured, limit, limit / measured))
+            ratios.append(('input_round_trip_p%d_vs_limit' % (q * 100), limit / measured))
+        print('pictures shown per second, streaming phone at 60 fps: %.1f without input, %.1f during a drag storm '
+              '(%d moves reached the phone)' % (w['rates'][0], w['rates'][1], w['moves']))
+        ratios.append(('pictures_per_s_drag_storm_vs_none', w['rates'][1] / w['rates'][0]))
         print()
         for name, value in ratios:
             print('ratio %s %.3f' % (name, value))

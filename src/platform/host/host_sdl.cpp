@@ -84,7 +84,7 @@ bool SdlWindow::open(int width, int height)
     pointer_ = input_pointer_enabled();
     pressed_ = false;
     finger_ = -1;
-    printf("host display: window %dx%d (%s)%s\n", width, height, driver,
+    printf("host display: window %dx%d (%s, %d Hz)%s\n", width, height, driver, refresh_hz_,
            pointer_ ? ", a touchscreen for the phone" : ", input off");
     return true;
 }
