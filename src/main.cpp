@@ -18,7 +18,7 @@
 #include "base/worker.h"
 #include "platform/defaults.h"
 #include "service/diagnostics.h"
-#include "service/log_line.h"
+#include "base/log_line.h"
 #include "service/orvane_service.h"
 
 namespace {

@@ -112,3 +112,16 @@ ConsoleServiceLine::~ConsoleServiceLine()
 {
     --t_recorder.service_depth;
 }
+
+char console_char(char c)
+{
+    return c >= 0x20 && c <= 0x7e ? c : '?';
+}
+
+std::string console_text(const char* text)
+{
+    std::string out(text);
+    for (char& c : out)
+        c = console_char(c);
+    return out;
+}

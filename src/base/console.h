@@ -18,6 +18,11 @@ unsigned long console_line_count();
 // before).
 std::string console_last_line(unsigned long since);
 
+// Bytes from a phone on their way to the console: anything outside printable ASCII becomes '?', so a
+// phone can neither drive the technician's terminal nor forge a line of its own. Any thread.
+char console_char(char c);
+std::string console_text(const char* text);
+
 // Any thread. While one is alive on a thread, what that thread writes is not recorded as a plain
 // line (the service's own log lines).
 class ConsoleServiceLine

@@ -28,8 +28,3 @@ void sock_set_recv_timeout(int sock, int ms);
 // that merely has nothing to send keeps it for good.
 constexpr int SOCK_LIVENESS_MS = 15000;
 void sock_set_liveness(int sock);
-
-// String helpers of the same layer.
-size_t str_copy_limited(char* dst, const char* src, size_t n);
-size_t str_join(char* dst, const char* const* tokens, char sep, size_t n);
-char* str_quote(const char* s);

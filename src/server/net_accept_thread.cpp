@@ -4,30 +4,24 @@
 
 #include <sys/socket.h>
 
+#include "base/fd.h"
 #include "net/sock.h"
 #include "server/phone_server.h"
 #include "video/app_events.h"
 
-// server_socket and video_socket are shared with the main thread (which closes them at stop);
-// the relaxed atomics keep each access whole without changing the record.
-static int load_fd(const int* fd)
-{
-    return __atomic_load_n(fd, __ATOMIC_RELAXED);
-}
-
 void NetAcceptThread::run()
 {
     PhoneServer* server = server_;
-    if (server != nullptr && load_fd(&server->server_socket) != -1) {
+    if (server != nullptr && fd_load(&server->server_socket) != -1) {
         do {
-            const int client = sock_accept(load_fd(&server->server_socket));
+            const int client = sock_accept(fd_load(&server->server_socket));
             if (client == -1) {
                 puts("mirroring server socket error, accept stoped!");
                 break;
             }
-            const int current = load_fd(&server->video_socket);
+            const int current = fd_load(&server->video_socket);
             if (current == -1) {
-                __atomic_store_n(&server->video_socket, client, __ATOMIC_RELAXED);
+                fd_store(&server->video_socket, client);
                 printf("mirroring client connected, socket:%d!\n", client);
                 app_post_event(EVENT_CLIENT_CONNECTED);
                 continue;
@@ -45,10 +39,10 @@ void NetAcceptThread::run()
                 // The main thread reads the field at any time: close a copy, then swap in one store.
                 int old = current;
                 socket_close_guarded(&old);
-                __atomic_store_n(&server->video_socket, client, __ATOMIC_RELAXED);
+                fd_store(&server->video_socket, client);
                 app_post_event(EVENT_CLIENT_CONNECTED);
             }
-        } while (server_ != nullptr && load_fd(&server->server_socket) != -1);
+        } while (server_ != nullptr && fd_load(&server->server_socket) != -1);
     }
     puts("mirroring accept thread end!");
 }

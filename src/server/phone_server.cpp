@@ -11,31 +11,19 @@
 #include <unistd.h>
 
 #include "base/ending.h"
+#include "base/fd.h"
 #include "base/worker.h"
 #include "command.h"
 #include "net/sock.h"
 #include "server/adb.h"
 #include "server/net_accept_thread.h"
 
-// The accept thread and the main thread both touch server_socket and video_socket. They stay plain
-// ints in the record; every access from this module goes through these relaxed atomics so the
-// two threads never race on the word itself.
-static int load_fd(const int* fd)
-{
-    return __atomic_load_n(fd, __ATOMIC_RELAXED);
-}
-
-static void store_fd(int* fd, int value)
-{
-    __atomic_store_n(fd, value, __ATOMIC_RELAXED);
-}
-
 void phone_server_init(PhoneServer* server)
 {
     server->serial = nullptr;
     server->process = -1;
-    store_fd(&server->server_socket, -1);
-    store_fd(&server->video_socket, -1);
+    fd_store(&server->server_socket, -1);
+    fd_store(&server->video_socket, -1);
     server->udp_socket = -1;
     server->control_socket = -1;
     server->local_port = 0;
@@ -46,7 +34,7 @@ void phone_server_init(PhoneServer* server)
 
 void socket_close_guarded(int* fd)
 {
-    const int s = load_fd(fd);
+    const int s = fd_load(fd);
     if (s == -1)
         return;
     // Shutting down first wakes any thread blocked in accept/recv on this descriptor.
@@ -55,7 +43,7 @@ void socket_close_guarded(int* fd)
         puts("Could not close socket");
         return;
     }
-    store_fd(fd, -1);
+    fd_store(fd, -1);
 }
 
 bool phone_server_disable_tunnel(const char* serial, uint16_t local_port, bool forward)
@@ -104,7 +92,7 @@ bool phone_server_start(PhoneServer* server, const char* serial, const ServerPar
     if (!server->tunnel_forward) {
         // Listen before the launch so the phone's first connect cannot arrive too early.
         const int s = sock_listen(SOCK_ADDR_LOOPBACK, port, 1);
-        store_fd(&server->server_socket, s);
+        fd_store(&server->server_socket, s);
         if (s == -1) {
             printf("Could not listen on port %d\n", port);
             phone_server_disable_tunnel(sel, port, false);
@@ -195,7 +183,7 @@ static bool connect_forward(PhoneServer* server, int64_t deadline)
             char byte;
             const bool ready = wait_for_server(server, s, deadline);
             if (ready && sock_recv(s, &byte, 1) == 1) {
-                store_fd(&server->video_socket, s);
+                fd_store(&server->video_socket, s);
                 return true;
             }
             sock_close(s);
@@ -206,7 +194,7 @@ static bool connect_forward(PhoneServer* server, int64_t deadline)
         }
         usleep(100000);
     }
-    store_fd(&server->video_socket, -1);
+    fd_store(&server->video_socket, -1);
     return false;
 }
 
@@ -214,9 +202,9 @@ bool phone_server_connect(PhoneServer* server)
 {
     const int64_t deadline = sock_monotonic_ms() + PHONE_SERVER_CONNECT_MS;
     if (!server->tunnel_forward) {
-        const int listener = load_fd(&server->server_socket);
+        const int listener = fd_load(&server->server_socket);
         const int video = wait_for_server(server, listener, deadline) ? sock_accept(listener) : -1;
-        store_fd(&server->video_socket, video);
+        fd_store(&server->video_socket, video);
         if (video == -1)
             return false;
         server->control_socket = wait_for_server(server, listener, deadline) ? sock_accept(listener) : -1;
@@ -239,9 +227,9 @@ bool phone_server_connect(PhoneServer* server)
 
 void phone_server_stop(PhoneServer* server)
 {
-    if (load_fd(&server->server_socket) != -1) {
+    if (fd_load(&server->server_socket) != -1) {
         socket_close_guarded(&server->server_socket);
-        store_fd(&server->server_socket, -1);
+        fd_store(&server->server_socket, -1);
         if (server->accept_thread != nullptr) {
             server->accept_thread->wait(1000);
             server->accept_thread->deleteLater();
@@ -254,7 +242,7 @@ void phone_server_stop(PhoneServer* server)
     socket_close_guarded(&server->video_socket);
     socket_close_guarded(&server->control_socket);
     server->udp_socket = -1;
-    store_fd(&server->video_socket, -1);
+    fd_store(&server->video_socket, -1);
     server->control_socket = -1;
 
     if (server->process != -1) {
@@ -272,12 +260,17 @@ void phone_server_stop(PhoneServer* server)
     release_serial(server);
 }
 
+int phone_server_video_socket(const PhoneServer* server)
+{
+    return fd_load(&server->video_socket);
+}
+
 bool phone_server_start_wifi(PhoneServer* server)
 {
     server->local_port = PHONE_SERVER_PORT;
     server->tunnel_forward = false;
     const int s = sock_listen(SOCK_ADDR_ANY, PHONE_SERVER_PORT, 1);
-    store_fd(&server->server_socket, s);
+    fd_store(&server->server_socket, s);
     if (s == -1) {
         printf("Could not listen on port %d\n", server->local_port);
         return false;

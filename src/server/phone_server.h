@@ -16,6 +16,11 @@ constexpr const char* PHONE_SERVER_CLASS = "com.qvo.alink.Server";
 // How long the launched server has to make (reverse) or answer (forward) both connections.
 constexpr int PHONE_SERVER_CONNECT_MS = 12000;
 
+// The main thread owns the record. On a Wi-Fi link the accept thread shares two of its fields:
+// server_socket (it accepts on it) and video_socket (it stores a phone's connection there and may
+// replace a dead one). Both are read and written only through base/fd.h's fd_load and fd_store
+// (phone_server_video_socket from outside this module), and closed only by socket_close_guarded: by
+// the main thread at stop, by the accept thread for a connection it replaces or turns away.
 struct PhoneServer {
     char* serial;                   // owned heap copy, null for the single attached device
     pid_t process;                  // adb shell child running the server, -1 for none
@@ -43,6 +48,9 @@ bool phone_server_connect(PhoneServer* server);
 void phone_server_stop(PhoneServer* server);
 bool phone_server_disable_tunnel(const char* serial, uint16_t local_port, bool forward);
 void socket_close_guarded(int* fd);
+
+// Any thread: the video connection now (the accept thread may replace it), -1 for none.
+int phone_server_video_socket(const PhoneServer* server);
 
 // Wi-Fi mode.
 bool phone_server_start_wifi(PhoneServer* server);

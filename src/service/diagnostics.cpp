@@ -7,7 +7,8 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "service/log_line.h"
+#include "base/console.h"
+#include "base/log_line.h"
 #include "service/orvane_service.h"
 #include "video/device_info.h"
 #include "video/stream_stats.h"

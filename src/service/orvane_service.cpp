@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "service/log_line.h"
+#include "base/log_line.h"
 
 OrvaneService::OrvaneService()
     : QObject(nullptr), connected(false), serverStarted(false), videoBufferReady(false), streamRunning(false),

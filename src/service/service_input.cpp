@@ -3,7 +3,7 @@
 #include <QRect>
 
 #include "service/input.h"
-#include "service/log_line.h"
+#include "base/log_line.h"
 #include "service/orvane_service.h"
 
 namespace {

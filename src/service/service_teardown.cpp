@@ -14,7 +14,7 @@
 #include "base/console.h"
 #include "net/sock.h"
 #include "service/diagnostics.h"
-#include "service/log_line.h"
+#include "base/log_line.h"
 #include "service/orvane_service.h"
 #include "platform/defaults.h"
 #include "platform/defaults.h"
@@ -174,7 +174,7 @@ void OrvaneService::reconnectStream()
     int size[2] = {1280, 720};
 
     // The accept thread may replace the connection at any time; take one consistent reading.
-    const int sock = __atomic_load_n(&server.video_socket, __ATOMIC_RELAXED);
+    const int sock = phone_server_video_socket(&server);
     if (sock != -1) {
         // A phone that connects and then sends nothing must not hold the main thread for long.
         struct timeval send_timeout = {5, 0};

@@ -6,7 +6,8 @@
 #include "net/sock.h"
 #include "server/adb.h"
 #include "service/diagnostics.h"
-#include "service/log_line.h"
+#include "base/console.h"
+#include "base/log_line.h"
 #include "service/orvane_service.h"
 #include "platform/defaults.h"
 #include "service/shell_command.h"
@@ -129,7 +130,7 @@ void OrvaneService::setDecoderBuffers()
 bool OrvaneService::initStream()
 {
     // On a Wi-Fi link the accept thread may write the video socket; read it once.
-    const int video = __atomic_load_n(&server.video_socket, __ATOMIC_RELAXED);
+    const int video = phone_server_video_socket(&server);
     if (video != -1)
         stream_init(&stream, video, STREAM_SOCKET_TCP, &decoder, wifiMode);
     else if (server.udp_socket != -1)

@@ -4,7 +4,7 @@
 
 #include "base/worker.h"
 #include "service/diagnostics.h"
-#include "service/log_line.h"
+#include "base/log_line.h"
 #include "service/orvane_service.h"
 
 void OrvaneService::startWifiLink()

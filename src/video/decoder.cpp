@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "platform/codec.h"
-#include "service/log_line.h"
+#include "base/log_line.h"
 #include "video/video_buffer.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "platform/codec.h"
 #include "platform/device.h"
 #include "platform/display.h"
-#include "service/log_line.h"
+#include "base/log_line.h"
 #include "video/decoder.h"
 #include "video/stream_stats.h"
 #include "video/video_buffer.h"

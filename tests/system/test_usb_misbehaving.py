@@ -38,7 +38,7 @@ class Misbehaving(UsbCase):
 
         # The phone stops reading: touches fill the connection, it is given up on, a stop answered at once.
         mark = self.daemon.mark()
-        drag = harness.spawn([harness.binary('orvanectl'), 'drag', '100', '100', '700', '400', '20000'],
+        drag = harness.spawn(['sh', '-c', 'while "$0" drag 100 100 700 400 1000; do :; done', harness.binary('orvanectl')],
                              env=self.bus.env())
         self.daemon.wait_for_console(r'^Control connection blocked: the phone stopped reading, input dropped$',
                                      since=mark, timeout=60)

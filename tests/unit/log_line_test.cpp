@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "service/log_line.h"
+#include "base/log_line.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "service/log_line.h"
+#include "base/log_line.h"
 
 #include "base/console.h"
 
@@ -109,17 +109,4 @@ LogLine& LogLine::operator<<(unsigned long long value)
 {
     item(std::to_string(value));
     return *this;
-}
-
-char console_char(char c)
-{
-    return c >= 0x20 && c <= 0x7e ? c : '?';
-}
-
-std::string console_text(const char* text)
-{
-    std::string out(text);
-    for (char& c : out)
-        c = console_char(c);
-    return out;
 }

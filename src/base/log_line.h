@@ -16,11 +16,6 @@ std::string log_timestamp_prefix();
 // The same formatting for a given number of milliseconds (what the clock read is turned into).
 std::string log_timestamp_prefix_for_ms(int64_t ms);
 
-// Bytes from a phone on their way to the serial console: anything outside printable ASCII becomes
-// '?', so a phone can neither drive the technician's terminal nor forge a line of its own.
-char console_char(char c);
-std::string console_text(const char* text);
-
 class LogLine
 {
 public:
