@@ -66,6 +66,11 @@ void diagnostics_link_ended()
         g_link.ended_ms = now_ms();
 }
 
+template <typename T> qlonglong Diagnostics::counter(const std::atomic<T> stream_stats::*field) const
+{
+    return static_cast<qlonglong>((service_->stream.stats.*field).load(std::memory_order_relaxed));
+}
+
 Diagnostics::Diagnostics(const OrvaneService* service) : QObject(nullptr), service_(service)
 {
     connect(service, &OrvaneService::onLinkStatusChange, this, [](int, int status) {
@@ -117,50 +122,48 @@ QString Diagnostics::phoneName() const
 
 QString Diagnostics::pictureSize() const
 {
-    const stream_stats& st = service_->stream.stats;
     return QString("%1x%2")
-        .arg(st.picture_width.load(std::memory_order_relaxed))
-        .arg(st.picture_height.load(std::memory_order_relaxed));
+        .arg(counter(&stream_stats::picture_width))
+        .arg(counter(&stream_stats::picture_height));
 }
 
 QString Diagnostics::layer() const
 {
-    const stream_stats& st = service_->stream.stats;
     return QString("%1,%2,%3,%4")
-        .arg(st.layer_x.load(std::memory_order_relaxed))
-        .arg(st.layer_y.load(std::memory_order_relaxed))
-        .arg(st.layer_width.load(std::memory_order_relaxed))
-        .arg(st.layer_height.load(std::memory_order_relaxed));
+        .arg(counter(&stream_stats::layer_x))
+        .arg(counter(&stream_stats::layer_y))
+        .arg(counter(&stream_stats::layer_width))
+        .arg(counter(&stream_stats::layer_height));
 }
 
 qulonglong Diagnostics::framesReceived() const
 {
-    return service_->stream.stats.frames_received.load(std::memory_order_relaxed);
+    return counter(&stream_stats::frames_received);
 }
 
 qulonglong Diagnostics::framesDecoded() const
 {
-    return service_->stream.stats.frames_decoded.load(std::memory_order_relaxed);
+    return counter(&stream_stats::frames_decoded);
 }
 
 qulonglong Diagnostics::picturesShown() const
 {
-    return service_->stream.stats.pictures_shown.load(std::memory_order_relaxed);
+    return counter(&stream_stats::pictures_shown);
 }
 
 qulonglong Diagnostics::framesNotShown() const
 {
-    return service_->stream.stats.frames_not_shown.load(std::memory_order_relaxed);
+    return counter(&stream_stats::frames_not_shown);
 }
 
 qulonglong Diagnostics::decodeErrors() const
 {
-    return service_->stream.stats.decode_errors.load(std::memory_order_relaxed);
+    return counter(&stream_stats::decode_errors);
 }
 
 qulonglong Diagnostics::bytesReceived() const
 {
-    return service_->stream.stats.bytes_received.load(std::memory_order_relaxed);
+    return counter(&stream_stats::bytes_received);
 }
 
 uint Diagnostics::bitrateKbps() const
@@ -170,16 +173,19 @@ uint Diagnostics::bitrateKbps() const
 
 double Diagnostics::decodeMsP50() const
 {
-    double p50 = 0, p99 = 0;
-    stream_stats_decode_ms(&service_->stream.stats, &p50, &p99);
-    return p50;
+    return decodeMs(false);
 }
 
 double Diagnostics::decodeMsP99() const
 {
-    double p50 = 0, p99 = 0;
-    stream_stats_decode_ms(&service_->stream.stats, &p50, &p99);
-    return p99;
+    return decodeMs(true);
+}
+
+double Diagnostics::decodeMs(bool p99) const
+{
+    double percentiles[2] = {0, 0};
+    stream_stats_decode_ms(&service_->stream.stats, &percentiles[0], &percentiles[1]);
+    return percentiles[p99 ? 1 : 0];
 }
 
 qlonglong Diagnostics::lastFrameAgeMs() const

@@ -7,7 +7,10 @@
 #include <QObject>
 #include <QString>
 #include <QVariantMap>
+#include <atomic>
 #include <string>
+
+#include "video/stream_stats.h"
 
 class OrvaneService;
 
@@ -74,6 +77,10 @@ public slots:
     QVariantMap GetStatistics() const;
 
 private:
+    // One of the frame path's figures, as the stream thread last wrote it.
+    template <typename T> qlonglong counter(const std::atomic<T> stream_stats::*field) const;
+    double decodeMs(bool p99) const;
+
     const OrvaneService* service_;
 };
 

@@ -75,8 +75,10 @@ public:
     bool setShowTouches(bool on);
     bool startServerForWifi();
     void stopRetryTimer();
-    // A start begins: its figures from zero, its console lines from here (main thread).
-    void beginLink(int type);
+    // What both links' starts share (main thread): the answer to a start while the link is up or
+    // being set up, then the link's figures from zero and the display. False when the start is over
+    // (answered, or failed and reported).
+    bool beginStart(int type);
     // A start step failed: its line (with the reason printed before it) for the diagnostics and
     // the console, the teardown, then (type, 5) for the HMI (main thread).
     void failLink(int type, const char* line);

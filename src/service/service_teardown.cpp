@@ -90,10 +90,32 @@ void OrvaneService::exitLink()
 #endif
 }
 
-void OrvaneService::beginLink(int type)
+bool OrvaneService::beginStart(int type)
 {
+    logLine() << "OrvaneApp::startLink";
+    if (streamRunning) {
+        // Already mirroring: only bring back a picture the HMI had hidden.
+        screen_set_hidden(&screen, false);
+        emit onLinkStatusChange(type, LINK_STATUS_STREAMING);
+        return false;
+    }
+    if (serverStarted) {
+        // Set up and waiting (USB: a start under way; Wi-Fi: listening for the phone).
+        if (type == LINK_TYPE_USB)
+            logLine() << "orvane is starting!";
+        else
+            puts("mirroring server is started!");
+        emit onLinkStatusChange(type, LINK_STATUS_START);
+        return false;
+    }
     diagnostics_link_started(this, type);
     failureMark = console_line_count();
+    screen_init(&screen);
+    if (!screen_init_rendering(&screen)) {
+        failLink(type, "screen_init_rendering failed!");
+        return false;
+    }
+    return true;
 }
 
 void OrvaneService::failLink(int type, const char* line)

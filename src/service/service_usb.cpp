@@ -19,30 +19,13 @@ constexpr int USB_DEVICE_INFO_TIMEOUT_MS = 3000;
 
 void OrvaneService::startLink()
 {
-    logLine() << "OrvaneApp::startLink";
-
-    if (streamRunning) {
-        // Already mirroring: only bring back a picture the HMI had hidden.
-        screen_set_hidden(&screen, false);
-        emit onLinkStatusChange(LINK_TYPE_USB, LINK_STATUS_STREAMING);
+    if (!beginStart(LINK_TYPE_USB))
         return;
-    }
-    if (serverStarted) {
-        logLine() << "orvane is starting!";
-        emit onLinkStatusChange(LINK_TYPE_USB, LINK_STATUS_START);
-        return;
-    }
 
     const char* failure = nullptr;
     char name[128];
     int size[2];
 
-    beginLink(LINK_TYPE_USB);
-    screen_init(&screen);
-    if (!screen_init_rendering(&screen)) {
-        failure = "screen_init_rendering failed!";
-        goto fail;
-    }
     serverStarted = startServer();
     if (!serverStarted) {
         failure = "startServer failed!";

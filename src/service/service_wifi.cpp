@@ -9,25 +9,8 @@
 
 void OrvaneService::startWifiLink()
 {
-    logLine() << "OrvaneApp::startLink";
-
-    if (streamRunning) {
-        screen_set_hidden(&screen, false);
-        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_STREAMING);
+    if (!beginStart(LINK_TYPE_WIFI))
         return;
-    }
-    if (serverStarted) {
-        puts("mirroring server is started!");
-        emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_START);
-        return;
-    }
-
-    beginLink(LINK_TYPE_WIFI);
-    screen_init(&screen);
-    if (!screen_init_rendering(&screen)) {
-        failLink(LINK_TYPE_WIFI, "screen_init_rendering failed!");
-        return;
-    }
     serverStarted = startServerForWifi();
     if (!serverStarted) {
         failLink(LINK_TYPE_WIFI, "startServerForWifi failed!");
