@@ -21,8 +21,6 @@ public:
     EndingDeadline(int64_t now_ms, int64_t timeout_ms) : deadline_(now_ms + timeout_ms) {}
     // True when the wait is over at now_ms.
     bool due(int64_t now_ms);
-    // Whether the end of the daemon shortened it.
-    bool cut() const { return cut_; }
 
 private:
     int64_t deadline_;

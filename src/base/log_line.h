@@ -37,9 +37,6 @@ public:
     LogLine& operator<<(long long value);
     LogLine& operator<<(unsigned long long value);
 
-    // The text as it will be handed over (without Qt's own trailing newline).
-    const std::string& text() const { return text_; }
-
 private:
     void item(const std::string& text);
 

@@ -17,7 +17,6 @@
 #include "base/log_line.h"
 #include "service/orvane_service.h"
 #include "platform/defaults.h"
-#include "platform/defaults.h"
 #include "service/shell_command.h"
 #include "video/app_events.h"
 #include "video/device_info.h"

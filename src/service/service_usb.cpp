@@ -31,8 +31,7 @@ void OrvaneService::startLink()
         failure = "startServer failed!";
         goto fail;
     }
-    connected = phone_server_connect(&server);
-    if (!connected) {
+    if (!connectToServer()) {
         failure = "connectToServer failed!";
         goto fail;
     }

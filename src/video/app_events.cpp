@@ -20,17 +20,17 @@ QUpdateFrameEvent::~QUpdateFrameEvent()
 }
 
 namespace {
-std::atomic<uint32_t> g_link{1};
+std::atomic<uint32_t> g_link_number{1};
 }
 
 uint32_t app_current_link()
 {
-    return g_link.load(std::memory_order_relaxed);
+    return g_link_number.load(std::memory_order_relaxed);
 }
 
 void app_end_link()
 {
-    g_link.fetch_add(1, std::memory_order_relaxed);
+    g_link_number.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool app_event_is_stale(const QEvent* event)

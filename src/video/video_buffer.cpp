@@ -18,11 +18,6 @@ decode_output g_decode_output;
 
 } // namespace
 
-decode_output* video_buffer_decode_output()
-{
-    return &g_decode_output;
-}
-
 int video_buffer_memalloc(video_buffer* buffer, int frame_width, int frame_height)
 {
     buffer->frame_width = frame_width;

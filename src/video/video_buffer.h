@@ -37,6 +37,3 @@ bool video_buffer_init(video_buffer* buffer, bool use_condition, int frame_width
 int video_buffer_memalloc(video_buffer* buffer, int frame_width, int frame_height);
 void video_buffer_signal(video_buffer* buffer);
 void video_buffer_destroy(video_buffer* buffer);
-
-// The one process-wide record the codec writes its output pictures into.
-decode_output* video_buffer_decode_output();

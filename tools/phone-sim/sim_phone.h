@@ -79,8 +79,6 @@ public:
 
     int width() const { return layout_.width; }
     int height() const { return layout_.height; }
-    bool landscape() const { return landscape_; }
-    App app() const { return app_; }
 
     // A touch message: action 0 down, 1 up, 2 move, 3 cancel; x, y within width x height (the
     // picture the head unit decoded), scaled to the screen. now_ns times taps and flings.

@@ -342,17 +342,6 @@ int platform_close(int fd)
     return ::close(fd);
 }
 
-extern "C" uint8_t* host_memalloc_view(uint32_t physical, size_t* capacity)
-{
-    std::shared_ptr<Area> area = area_find(physical);
-    if (!area)
-        return nullptr;
-    const size_t inside = physical - area->physical;
-    if (capacity)
-        *capacity = area->capacity - inside;
-    return area->view + inside;
-}
-
 extern "C" int host_memalloc_area_count(void)
 {
     std::lock_guard<std::mutex> lock(orvane_host::g_mutex);

@@ -49,12 +49,9 @@ struct Layer {
 
     int fb_width = 0;
     int fb_height = 0;
-    int mode = 0;
     int hz = 60;
     bool sdl = false;
 
-    int src_width = 0;
-    int src_height = 0;
     Placement place;
     bool visible = false;
 
@@ -273,7 +270,6 @@ bool display_open(int fd)
     fb_resolution(&g_layer.fb_width, &g_layer.fb_height);
     g_layer.hz = parse_hz();
     g_layer.sdl = want_sdl();
-    g_layer.src_width = g_layer.src_height = 0;
     g_layer.place = Placement{};
     g_layer.visible = false;
     const std::string framelog = env_string("ORVANE_HOST_FRAMELOG", "");
@@ -336,21 +332,17 @@ void display_close(int fd)
 
 using namespace orvane_host;
 
-extern "C" int tezapi_set_display_mode(int mode)
+extern "C" int tezapi_set_display_mode(int)
 {
-    std::lock_guard<std::mutex> lock(g_layer.mutex);
-    g_layer.mode = mode;
-    return 0;
+    return 0; // the emulated display has the one mode that shows the video layer
 }
 
-extern "C" int tezapi_init_fb_display(int fb, int src_width, int src_height, int x, int y, int display_width,
-                                      int display_height, int, int, int, int, int, int, int)
+extern "C" int tezapi_init_fb_display(int fb, int, int, int x, int y, int display_width, int display_height,
+                                      int, int, int, int, int, int, int)
 {
     std::lock_guard<std::mutex> lock(g_layer.mutex);
     if (!valid_fb_locked(fb))
         return -1;
-    g_layer.src_width = src_width;
-    g_layer.src_height = src_height;
     g_layer.place = Placement{x, y, display_width, display_height};
     return 0;
 }

@@ -100,9 +100,3 @@ bool picture_size(uint32_t a0, int* width, int* height)
 }
 
 } // namespace orvane_host
-
-extern "C" int host_picture_count(void)
-{
-    std::lock_guard<std::mutex> lock(orvane_host::g_mutex);
-    return static_cast<int>(orvane_host::g_pictures.size());
-}

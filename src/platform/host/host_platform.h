@@ -63,10 +63,7 @@ void input_push(const display_input& event);
 
 // Views for tests and tools.
 extern "C" {
-// The codec's view of an allocator area by physical address; null when no such area.
-uint8_t* host_memalloc_view(uint32_t physical, size_t* capacity);
 int host_memalloc_area_count(void);
-int host_picture_count(void);
 // How many times the layer has been asked to wait for a vsync since the process started.
 unsigned long host_vsync_wait_count(void);
 }
