@@ -138,6 +138,15 @@ TEST(Input, TouchesAreScaledFromThePictureToTheVideoKeysPressedThenReleasedAndOn
         svc.requestTouchAction(s.type, s.x, s.y);
         EXPECT_EQ(sent(), s.sent) << "step " << &s - steps;
     }
+    // The press state outlives the link: a finger still down when the controller goes away leaves the
+    // next one's first move forwarded without a press of its own.
+    svc.requestTouchAction(PRESS, 512, 300);
+    controller_stop(&svc.controller);
+    controller_destroy(&svc.controller);
+    ASSERT_TRUE(controller_init(&svc.controller, fds[0]));
+    svc.requestTouchAction(MOVE, 512, 300);
+    svc.requestTouchAction(RELEASE, 512, 300);
+    EXPECT_EQ(sent(), touch(0, 640, 360) + touch(2, 640, 360) + touch(1, 640, 360));
     // A moved picture counts from its corner; a release uses the video size at the time.
     svc.screen.x = 100;
     svc.screen.y = 50;

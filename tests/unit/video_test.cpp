@@ -271,7 +271,7 @@ TEST(TcpStream, EndsOnZeroLengthHangUpStopOversizeUnmappedBufferAndBusyCodecAndR
         {"", cat({tcp_packet(1, pattern(5000, 1)), tcp_packet(2, last), tcp_packet(3, {})}), false, end, 0, &last},
         {"", tcp_packet(1, last), false, "run stream thread:0\n" + end, 0, &last},
         {"", tcp_packet(1, last), true, end, 0, &last},
-        {"", cat({tcp_packet(~uint64_t(0), last), tcp_packet(0, {})}), false, "detect screen rotated!", 1, &last},
+        {"", cat({tcp_packet(~uint64_t(0), last), tcp_packet(0, {})}), false, "detect screen rotated!" + end, 1, &last},
         // Anything could sit on the Wi-Fi port: a length past the area, with bytes behind it.
         {"", cat({tcp_packet(1, full), tcp_packet(2, last, VIDEO_BUFFER_SIZE + 1)}), false,
          "Frame length 1048577" + over + end, 0, &full},
