@@ -36,11 +36,11 @@ void NetAcceptThread::run()
             } else {
                 printf("mirroring use new client connection, old socket:%d, new socket:%d!\n", current,
                        client);
-                // The main thread reads the field at any time: close a copy, then swap in one store.
-                int old = current;
-                socket_close_guarded(&old);
+                // The old connection is shut down, which ends its stream; the main thread closes it
+                // once that stream is joined. The field changes in one store.
+                sock_shutdown(current, SHUT_RDWR);
                 fd_store(&server->video_socket, client);
-                app_post_event(EVENT_CLIENT_CONNECTED);
+                app_post_event(EVENT_CLIENT_CONNECTED, current);
             }
         } while (server_ != nullptr && fd_load(&server->server_socket) != -1);
     }

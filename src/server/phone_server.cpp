@@ -231,19 +231,21 @@ void phone_server_stop(PhoneServer* server)
         socket_close_guarded(&server->server_socket);
         fd_store(&server->server_socket, -1);
         if (server->accept_thread != nullptr) {
-            server->accept_thread->wait(1000);
+            // Closing the listener ends its accept at once; a thread still running after the second
+            // would be destroyed while it runs, so it is waited for to the end.
+            if (!server->accept_thread->wait(1000))
+                server->accept_thread->wait();
             server->accept_thread->deleteLater();
             server->accept_thread = nullptr;
         }
     }
 
-    // Closing the sockets before the server goes releases the stream and receiver threads.
-    socket_close_guarded(&server->udp_socket);
-    socket_close_guarded(&server->video_socket);
-    socket_close_guarded(&server->control_socket);
-    server->udp_socket = -1;
-    fd_store(&server->video_socket, -1);
-    server->control_socket = -1;
+    // Shutting the connections down before the server goes releases the stream and receiver threads.
+    // They are closed only once those threads are joined (phone_server_close): a number closed
+    // under a reader could be handed to another file before the reader notices.
+    for (const int fd : {server->udp_socket, fd_load(&server->video_socket), server->control_socket})
+        if (fd != -1)
+            sock_shutdown(fd, SHUT_RDWR);
 
     if (server->process != -1) {
         if (!command_kill(server->process))
@@ -263,6 +265,13 @@ void phone_server_stop(PhoneServer* server)
 int phone_server_video_socket(const PhoneServer* server)
 {
     return fd_load(&server->video_socket);
+}
+
+void phone_server_close(PhoneServer* server)
+{
+    socket_close_guarded(&server->udp_socket);
+    socket_close_guarded(&server->video_socket);
+    socket_close_guarded(&server->control_socket);
 }
 
 bool phone_server_start_wifi(PhoneServer* server)

@@ -19,8 +19,10 @@ constexpr int PHONE_SERVER_CONNECT_MS = 12000;
 // The main thread owns the record. On a Wi-Fi link the accept thread shares two of its fields:
 // server_socket (it accepts on it) and video_socket (it stores a phone's connection there and may
 // replace a dead one). Both are read and written only through base/fd.h's fd_load and fd_store
-// (phone_server_video_socket from outside this module), and closed only by socket_close_guarded: by
-// the main thread at stop, by the accept thread for a connection it replaces or turns away.
+// (phone_server_video_socket from outside this module). A connection some thread reads is shut
+// down first and closed only after that thread is joined: the main thread closes the record's at
+// phone_server_close, and a replaced one once its stream is joined; the accept thread closes only
+// a newcomer it turns away.
 struct PhoneServer {
     char* serial;                   // owned heap copy, null for the single attached device
     pid_t process;                  // adb shell child running the server, -1 for none
@@ -45,7 +47,11 @@ struct ServerParams {
 void phone_server_init(PhoneServer* server);
 bool phone_server_start(PhoneServer* server, const char* serial, const ServerParams* params);
 bool phone_server_connect(PhoneServer* server);
+// Main thread. Ends the phone's server and its tunnel, closes the listener and joins the accept
+// thread, and shuts the connections down, which releases the threads that read them.
 void phone_server_stop(PhoneServer* server);
+// Main thread, once the threads that read the connections have been joined: closes them.
+void phone_server_close(PhoneServer* server);
 bool phone_server_disable_tunnel(const char* serial, uint16_t local_port, bool forward);
 void socket_close_guarded(int* fd);
 

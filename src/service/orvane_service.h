@@ -75,6 +75,8 @@ public:
     bool setShowTouches(bool on);
     bool startServerForWifi();
     void stopRetryTimer();
+    // Closes the Wi-Fi connection the accept thread replaced, once no stream reads it (main thread).
+    void closeRetiredVideoSocket();
     // What both links' starts share (main thread): the answer to a start while the link is up or
     // being set up, then the link's figures from zero and the display. False when the start is over
     // (answered, or failed and reported).
@@ -109,6 +111,7 @@ public:
     dnssd* dnssdRef;
     int retryTimerId;
     unsigned long failureMark = 0; // the main thread's console lines before the current start
+    int retiredVideoSocket = -1;   // a Wi-Fi connection the accept thread replaced, to be closed
 
 signals:
     void onLinkStatusChange(int type, int status);

@@ -67,6 +67,9 @@ void OrvaneService::exitLink()
         logLine() << "exitLink"
                   << " controller stoped";
     }
+    // Nothing reads the connections any more: they can be closed.
+    phone_server_close(&server);
+    closeRetiredVideoSocket();
     if (videoBufferReady) {
         videoBufferReady = false;
         video_buffer_destroy(&videoBuffers);
@@ -127,6 +130,13 @@ void OrvaneService::failLink(int type, const char* line)
     emit onLinkStatusChange(type, LINK_STATUS_FAILED);
 }
 
+void OrvaneService::closeRetiredVideoSocket()
+{
+    if (retiredVideoSocket != -1)
+        sock_close(retiredVideoSocket);
+    retiredVideoSocket = -1;
+}
+
 void OrvaneService::stopRetryTimer()
 {
     if (retryTimerId != 0) {
@@ -139,8 +149,10 @@ bool OrvaneService::eventFilter(QObject* watched, QEvent* event)
 {
     if (app_event_is_stale(event)) {
         // Posted by a worker of a link that has been torn down since (a phone that connected just
-        // before a stop): it must not touch whatever runs now.
+        // before a stop): it must not touch whatever runs now. Nothing reads what it retired.
         printf("event %d of an ended link ignored\n", static_cast<int>(event->type()));
+        retiredVideoSocket = static_cast<const LinkEvent*>(event)->retired;
+        closeRetiredVideoSocket();
         return true;
     }
     switch (static_cast<int>(event->type())) {
@@ -165,6 +177,9 @@ bool OrvaneService::eventFilter(QObject* watched, QEvent* event)
         logLine() << "recv frame size change event!";
         return true;
     case EVENT_CLIENT_CONNECTED:
+        // A connection it replaced is closed once the stream that read it is joined.
+        if (const auto* connected = dynamic_cast<const LinkEvent*>(event))
+            retiredVideoSocket = connected->retired;
         reconnectStream();
         return true;
     default:
@@ -233,6 +248,7 @@ void OrvaneService::reconnectStream()
         stream_stop(&stream);
         stream_join(&stream);
     }
+    closeRetiredVideoSocket();
     if (initStream()) {
         emit onLinkStatusChange(LINK_TYPE_WIFI, LINK_STATUS_STREAMING);
         return;

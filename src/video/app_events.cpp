@@ -39,11 +39,12 @@ bool app_event_is_stale(const QEvent* event)
     return link_event != nullptr && link_event->link != app_current_link();
 }
 
-void app_post_event(int type)
+void app_post_event(int type, int retired)
 {
     // The event loop takes ownership of a posted event and deletes it after delivery.
     if (QCoreApplication::instance())
-        QCoreApplication::postEvent(QCoreApplication::instance(), new LinkEvent(type, app_current_link()));
+        QCoreApplication::postEvent(QCoreApplication::instance(),
+                                    new LinkEvent(type, app_current_link(), retired));
 }
 
 void app_send_event(int type)

@@ -28,17 +28,22 @@ private:
 };
 
 // A posted event, marked with the link it belongs to: it may be handled after that link has been
-// torn down, and must then act on nothing.
+// torn down, and must then act on nothing. A connection the Wi-Fi accept thread replaced travels
+// with its EVENT_CLIENT_CONNECTED, to be closed on the main thread once nothing reads it.
 class LinkEvent : public QEvent
 {
 public:
-    LinkEvent(int type, uint32_t link) : QEvent(static_cast<QEvent::Type>(type)), link(link) {}
+    LinkEvent(int type, uint32_t link, int retired)
+        : QEvent(static_cast<QEvent::Type>(type)), link(link), retired(retired)
+    {
+    }
     const uint32_t link;
+    const int retired; // -1 for none
 };
 
-// Posts a LinkEvent of the given type, marked with the current link, to the application object,
-// if there is one.
-void app_post_event(int type);
+// Any thread: posts a LinkEvent of the given type, marked with the current link, to the application
+// object, if there is one. Takes Qt's event queue lock, nothing else.
+void app_post_event(int type, int retired = -1);
 // The current link's number, and the end of that link: events posted before app_end_link() are
 // stale afterwards. Only the main thread ends links.
 uint32_t app_current_link();

@@ -71,6 +71,7 @@ protected:
     void TearDown() override
     {
         phone_server_stop(&server_);
+        phone_server_close(&server_);
         unsetenv("FAKE_ADB_FAIL");
         unsetenv("FAKE_ADB_UNLINK_AFTER");
     }
@@ -103,6 +104,7 @@ TEST_F(UsbServer, RefusedReverseFallsBackToForwardTakesVideoThenControlAndStopEn
         },
         5000));
     phone_server_stop(&server_);
+    phone_server_close(&server_); // the connections once nothing reads them
     // The server's command line: size, bit rate, forward flag (8th), option, two flags (11 in all).
     // Stop does not remove a tunnel that is already gone.
     const std::string s = "-s ORVANE0001 ";
