@@ -1,5 +1,6 @@
 // Running external programs (in practice always the adb tool): spawn with exec failures reported
-// back through a close-on-exec pipe, wait, judge the exit status, terminate.
+// back through a close-on-exec pipe, wait, judge the exit status, terminate. Main thread only: the
+// waits block it (the bounded forms for at most their time-out, shortened once the daemon ends).
 #pragma once
 
 #include <cstddef>

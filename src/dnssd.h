@@ -24,6 +24,8 @@ struct dnssd {
     uint32_t device_id_length;
 };
 
+// Main thread, all four. Registering starts the DNS-SD library's own thread (under WorkerSignalMask,
+// so it takes no signal), which lives until the record is destroyed; nothing here blocks for long.
 dnssd* dnssd_create(const char* name, uint32_t name_length, const char* device_id, uint32_t device_id_length,
                     int* error);
 int dnssd_register_mirroring(dnssd* d, uint16_t port, const char* width, const char* height,

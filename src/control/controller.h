@@ -21,6 +21,8 @@ struct Receiver {
     std::atomic<bool> stopped;
 };
 
+// Reads the phone's device messages until the socket ends; sends EVENT_FRAME_SIZE_CHANGED for a
+// notify (the service's filter then runs here, on this thread).
 class ReceiverThread : public QThread
 {
 public:
@@ -60,10 +62,17 @@ constexpr int CONTROLLER_SEND_TIMEOUT_MS = 500;
 // stopped reading can make the head unit hold.
 constexpr int CONTROLLER_SEND_BUFFER = 64 * 1024;
 
+// All of these run on the main thread. The control socket is used by two threads at once, which
+// it takes without a lock: the main thread sends, the receiver thread reads.
 bool controller_init(Controller* ctrl, int control_socket);
+// Starts the receiver thread; false (with a line) when the system refuses it.
 bool controller_start(Controller* ctrl);
+// Sends at once on the calling thread; blocks up to CONTROLLER_SEND_TIMEOUT_MS a send while the
+// phone does not read.
 bool controller_push_msg(Controller* ctrl, const ControlMessage* msg);
+// Refuses later sends; does not wake the receiver (shutting the socket down does that).
 void controller_stop(Controller* ctrl);
+// Waits for the receiver without a limit; call it only once the socket is shut down.
 void controller_join(Controller* ctrl);
 void controller_destroy(Controller* ctrl);
 

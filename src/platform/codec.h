@@ -19,6 +19,7 @@ struct decode_output {
     decode_picture pictures[DECODE_OUTPUT_MAX_PICTURES];
 };
 
+// Stream thread, all four (the lock is taken and given back by the stream's own run).
 extern "C" {
 int MFCTryLock(void); // 1 = taken
 int MFCDecode(const void* input, void* output, int new_stream,

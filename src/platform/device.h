@@ -1,5 +1,6 @@
 // The device files of the video path go through this shim: on the board it is the system calls,
-// on a development machine it emulates the framebuffer, the allocator and /dev/mem.
+// on a development machine it emulates the framebuffer, the allocator and /dev/mem. Main thread
+// (link start and teardown, while no stream runs); nothing here blocks.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
 // adb command lines: tool lookup ("ADB" or the PATH), device selector, one call per sub-command.
-// Each returns the started child's pid, or -1 after the failure has been printed.
+// Each returns the started child's pid, or -1 after the failure has been printed. Main thread.
 #pragma once
 
 #include <cstdint>

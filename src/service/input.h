@@ -1,4 +1,6 @@
-// Turning the HMI's touches and keys into control messages for the phone.
+// Turning the HMI's touches and keys into control messages for the phone. Main thread: the press
+// state below is read and written there only (the window's input reaches it through the main
+// thread too).
 #pragma once
 
 #include "control/control_message.h"

@@ -56,8 +56,10 @@ public:
     OrvaneService();
     ~OrvaneService() override;
 
+    // Main thread, once, before the event loop.
     int init();
 
+    // Main thread for posted events (2026, 2028); the sending worker's thread for 2027.
     bool eventFilter(QObject* watched, QEvent* event) override;
 
     // Link start-up and teardown (main thread only).
@@ -91,7 +93,10 @@ public:
     // the session bus gone); main thread.
     void endDaemon(const char* why, int status = 0);
 
-    // Link state, public so that tests and the input path can read it.
+    // Link state, public so that tests and the input path can read it. The main thread is the only
+    // writer of the flags and reads them without a lock; EVENT_FRAME_SIZE_CHANGED, whose filter runs
+    // on a worker, touches only the screen's visibility. The records below are the link's: their
+    // headers say which parts a worker thread uses while it runs.
     bool connected;
     bool serverStarted;
     bool videoBufferReady;

@@ -1,6 +1,7 @@
 // The few shell commands the service runs around a USB link (adb's device list before the server
 // starts, the USB controller's OTG mode and adb's stand-down at teardown). Their defaults are the
-// platform's (platform/defaults.h); each can be replaced through the environment.
+// platform's (platform/defaults.h); each can be replaced through the environment. Main thread: a
+// command blocks it for up to SHELL_COMMAND_TIMEOUT_MS (1 s once the daemon is ending).
 #pragma once
 
 // The variables that replace the platform's commands.

@@ -44,11 +44,13 @@ public:
 // Any thread: posts a LinkEvent of the given type, marked with the current link, to the application
 // object, if there is one. Takes Qt's event queue lock, nothing else.
 void app_post_event(int type, int retired = -1);
-// The current link's number, and the end of that link: events posted before app_end_link() are
-// stale afterwards. Only the main thread ends links.
+// The current link's number (any thread), and the end of that link (main thread): events posted
+// before app_end_link() are stale afterwards.
 uint32_t app_current_link();
 void app_end_link();
 // Whether a posted event belongs to a link that has since been torn down.
 bool app_event_is_stale(const QEvent* event);
-// Sends a plain event of the given type synchronously to the application object, if there is one.
+// Any worker thread: sends a plain event of the given type synchronously to the application object,
+// if there is one. The service's filter runs on the calling thread, so it may touch only what is
+// safe from there (the layer's visibility), never the link flags.
 void app_send_event(int type);

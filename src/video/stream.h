@@ -33,6 +33,9 @@ struct stream {
     stream_stats stats;
 };
 
+// Runs the frame loop: receive, acknowledge, decode and show, every frame on this one thread. It
+// posts EVENT_STREAM_STOPPED when its stream ends by itself and sends EVENT_FRAME_SIZE_CHANGED on a
+// rotation (the service's filter then runs here, on this thread).
 class StreamThread : public QThread
 {
 public:
@@ -46,10 +49,17 @@ private:
     stream* stream_;
 };
 
+// Main thread, while no stream thread runs.
 void stream_init(stream* s, int socket, int type, decoder* dec, bool ack_enabled);
+// Main thread: starts the stream thread (false, with a line, when the system refuses it). From here
+// until stream_join the record's frame path belongs to that thread.
 bool stream_start(stream* s);
+// Main thread: asks the thread to end at its next frame; does not wait, and does not wake a thread
+// blocked in a receive (shutting the socket down does that).
 void stream_stop(stream* s);
+// Main thread: waits for the thread without a limit; call it only once the socket is shut down.
 void stream_join(stream* s);
+// Stream thread.
 bool stream_recv_udp_frame(stream* s, uint8_t** buffer, uint32_t* length);
 // Frames counted towards the next acknowledge byte (shared by every stream of the process).
 uint32_t stream_frame_counter();

@@ -1,5 +1,7 @@
 // The physically contiguous 1 MiB bitstream area the codec reads by physical address, obtained
-// from the allocator device and mapped through /dev/mem, with the decoder's output record.
+// from the allocator device and mapped through /dev/mem, with the decoder's output record. The main
+// thread sets it up and takes it down while no stream runs; in between only the stream thread
+// touches the area, the frame length and the output record.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +35,11 @@ struct video_buffer {
 
 #define VIDEO_BUFFER_UNMAPPED (reinterpret_cast<uint8_t*>(~uintptr_t(0)))
 
+// Main thread, while no stream runs: the record, its area and its mutex (and condition). True even
+// when the area could not be had (mapped_address then stays VIDEO_BUFFER_UNMAPPED).
 bool video_buffer_init(video_buffer* buffer, bool use_condition, int frame_width, int frame_height);
 int video_buffer_memalloc(video_buffer* buffer, int frame_width, int frame_height);
+// Main thread: wakes a consumer waiting on the buffer (none does today); takes the mutex briefly.
 void video_buffer_signal(video_buffer* buffer);
+// Main thread, once the stream is joined.
 void video_buffer_destroy(video_buffer* buffer);
