@@ -92,7 +92,7 @@ void command_report_failure(CommandResult result, const char* const* argv)
     case COMMAND_NOT_FOUND:
         argv_to_string(argv, text, sizeof text);
         printf("Command not found: %s\n", text);
-        // Only adb is ever run through here, whatever the vector says.
+        // Only adb is ever run through here, whatever the vector says (kept on purpose: docs/KEPT.md).
         puts("(make 'adb' accessible from your PATH or define its fullpath in the ADB environment variable)");
         break;
     default:

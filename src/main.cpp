@@ -77,6 +77,7 @@ private:
 
 } // namespace
 
+// Kept on purpose (docs/KEPT.md): it only reports and returns; SIGTERM leaves the daemon running.
 void exception_print_callstack(int)
 {
     void* frames[128];

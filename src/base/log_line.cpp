@@ -8,6 +8,7 @@
 
 std::string log_timestamp_prefix_for_ms(int64_t ms)
 {
+    // Kept on purpose (docs/KEPT.md): single precision, so from 16384 s on the stamp loses milliseconds.
     const float seconds = static_cast<float>(static_cast<uint64_t>(ms)) / 1000.0f;
     char buf[64];
     std::snprintf(buf, sizeof buf, "[%.3f] ", static_cast<double>(seconds));
@@ -59,6 +60,7 @@ LogLine& LogLine::operator<<(const std::string& text)
 
 LogLine& LogLine::operator<<(const QString& text)
 {
+    // Kept on purpose (docs/KEPT.md): quoted, nothing escaped.
     item('"' + text.toLocal8Bit().toStdString() + '"');
     return *this;
 }

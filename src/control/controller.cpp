@@ -23,7 +23,7 @@ bool receiver_init(Receiver* rcv, int control_socket)
 
 bool receiver_start(Receiver* rcv)
 {
-    // No line end on purpose: the console shows it in front of the next line.
+    // No line end: the console shows it in front of the next line (kept on purpose: docs/KEPT.md).
     printf("Starting receiver thread");
     rcv->stopped.store(false, std::memory_order_relaxed);
     rcv->thread = new ReceiverThread(rcv);
@@ -97,7 +97,7 @@ bool controller_push_msg(Controller* ctrl, const ControlMessage* msg)
     if (ctrl->send_stalled)
         return false;
     // sock_send_all reports its last send's count, so a message that needed several sends is
-    // counted as not sent.
+    // counted as not sent (kept on purpose: docs/KEPT.md).
     const ssize_t sent = sock_send_all(ctrl->control_socket, buf, len);
     if (sent == -1 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
         // The connection may now hold half a message; nothing more can be sent on it sensibly.
@@ -157,7 +157,8 @@ void ReceiverThread::loop()
                 size = RECEIVER_BUFFER_SIZE;
             }
             // Every read lands at the start of the buffer: bytes kept from the last pass are
-            // overwritten, so a message split across reads is not put back together.
+            // overwritten, so a message split across reads is not put back together (kept on
+            // purpose: docs/KEPT.md).
             const ssize_t r = sock_recv(rcv->control_socket, buffer, size);
             if (r <= 0) {
                 puts("Receiver stopped");
@@ -167,10 +168,11 @@ void ReceiverThread::loop()
             size_t consumed = 0;
             for (;;) {
                 const ssize_t n = device_message_parse(buffer + consumed, got - consumed, &msg);
+                // Kept on purpose (docs/KEPT.md): an unknown message ends the receiver, not the link.
                 if (n == -1)
                     return;
                 // Acted on even when nothing was parsed: the record may still hold the type of
-                // an earlier message.
+                // an earlier message (kept on purpose: docs/KEPT.md).
                 if (msg.type == DEVICE_CLIPBOARD)
                     puts("Device clipboard copied");
                 else if (msg.type == DEVICE_NOTIFY)

@@ -16,6 +16,7 @@ void NetAcceptThread::run()
         do {
             const int client = sock_accept(fd_load(&server->server_socket));
             if (client == -1) {
+                // Kept on purpose (docs/KEPT.md): the text as it has always been spelled.
                 puts("mirroring server socket error, accept stoped!");
                 break;
             }
@@ -27,7 +28,8 @@ void NetAcceptThread::run()
                 continue;
             }
             // A zero-byte send fails only once the old connection carries an error (reset by
-            // the peer); a phone that merely closed still passes and keeps its place.
+            // the peer); a phone that merely closed still passes and keeps its place (kept on
+            // purpose: docs/KEPT.md).
             const char probe = 0;
             if (send(current, &probe, 0, MSG_NOSIGNAL) != -1) {
                 printf("mirroring is connected, will close accept socket:%d!\n", client);

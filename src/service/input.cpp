@@ -1,5 +1,6 @@
 #include "service/input.h"
 
+// Kept on purpose (docs/KEPT.md): process-wide, so a press outlives its link.
 int touchPressed = -1;
 int lastTouchX = 0;
 int lastTouchY = 0;

@@ -95,6 +95,7 @@ void OrvaneService::requestLinkStatus(int type, int status)
 
     switch (status) {
     case LINK_STATUS_START:
+        // Kept on purpose (docs/KEPT.md): only a start of the other link tears the running one down.
         if (type == LINK_TYPE_USB) {
             if (wifiMode && serverStarted) {
                 exitLink();

@@ -25,6 +25,7 @@ int touch_code(uint touchType)
 
 } // namespace
 
+// Kept on purpose (docs/KEPT.md): accepted and ignored.
 void OrvaneService::requestTouchStatus(int, int, QString)
 {
     // The HMI sends these too; the picture's touches arrive through requestTouchAction.
@@ -50,6 +51,7 @@ void OrvaneService::requestTouchAction(uint touchType, uint x, uint y)
     const QPoint point(static_cast<int>(x), static_cast<int>(y));
     ControlMessage msg;
 
+    // Kept on purpose (docs/KEPT.md): the strict edge, single precision, and the press state across links.
     if (picture.contains(point, true) && screen.display_width > 0 && screen.display_height > 0) {
         const int code = touch_code(touchType);
         if (code < 0)
@@ -89,6 +91,7 @@ void OrvaneService::requestTouchAction(uint touchType, uint x, uint y)
 
 void OrvaneService::requestKeyValue(int type)
 {
+    // Kept on purpose (docs/KEPT.md): logged before anything is checked.
     logLine() << "requestKeyValue" << type;
     if (wifiMode)
         return;

@@ -53,6 +53,7 @@ void OrvaneService::exitLink()
             shell_command_run(shell_command_text(ENV_OTG_COMMAND, platform_default_settings().otg_command),
                               SHELL_COMMAND_TIMEOUT_MS);
     }
+    // Kept on purpose (docs/KEPT.md): the step lines' spelling and leading space; no status without a stream.
     if (streamRunning) {
         streamRunning = false;
         stream_join(&stream);
@@ -94,7 +95,9 @@ void OrvaneService::exitLink()
 
 bool OrvaneService::beginStart(int type)
 {
+    // Kept on purpose (docs/KEPT.md): both links log under the USB start's name.
     logLine() << "OrvaneApp::startLink";
+    // Kept on purpose (docs/KEPT.md): during a Wi-Fi grace period this answers 4.
     if (streamRunning) {
         // Already mirroring: only bring back a picture the HMI had hidden.
         screen_set_hidden(&screen, false);
@@ -159,6 +162,7 @@ bool OrvaneService::eventFilter(QObject* watched, QEvent* event)
     case EVENT_UPDATE_FRAME:
         return true;
     case EVENT_STREAM_STOPPED:
+        // Kept on purpose (docs/KEPT.md): a replaced connection's late end still starts a grace period.
         puts("Video stream stopped");
         if (!wifiMode) {
             exitLink();

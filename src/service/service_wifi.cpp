@@ -21,7 +21,8 @@ void OrvaneService::startWifiLink()
         return;
     }
 
-    // Without an identity nothing is announced; the listener stays up for a phone that knows us.
+    // Without an identity nothing is announced; the listener stays up for a phone that knows us
+    // (kept on purpose: docs/KEPT.md).
     const std::string mac = find_mac(true);
     if (mac.empty()) {
         const char* line = "No Wi-Fi interface address: nothing announced, the listener stays up";

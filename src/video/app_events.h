@@ -11,6 +11,7 @@ constexpr int EVENT_FRAME_SIZE_CHANGED = 2027; // sent synchronously (stream rea
 constexpr int EVENT_CLIENT_CONNECTED = 2028;   // posted by the Wi-Fi accept thread
 
 // Carrier of an owned malloc'd byte buffer.
+// Kept on purpose (docs/KEPT.md): nothing sends it; the filter consumes 2025.
 class QUpdateFrameEvent : public QEvent
 {
 public:

@@ -41,6 +41,7 @@ bool decoder_open(decoder* dec, int flags)
     return true;
 }
 
+// Kept on purpose (docs/KEPT.md): the lock flag stays set until the next allocation.
 void decoder_close(decoder* dec)
 {
     if (!dec || !dec->video_buffer || !dec->video_buffer->codec_locked)

@@ -61,6 +61,7 @@ bool recv_tcp_frame(stream* s, video_buffer* vb)
     if (length == 0)
         return false; // the phone's end of stream
     if (be64(header) == ROTATION_PTS) {
+        // Kept on purpose (docs/KEPT.md): no line end, and the packet is decoded as usual.
         std::printf("detect screen rotated!");
         app_send_event(EVENT_FRAME_SIZE_CHANGED);
     }
@@ -160,6 +161,7 @@ void StreamThread::run()
             if (!stream_recv_udp_frame(s, &vb->mapped_address, &vb->length))
                 break;
         } else {
+            // Kept on purpose (docs/KEPT.md): the text as it has always been spelled.
             std::puts("canot find stream socket type!");
             break;
         }
@@ -168,6 +170,7 @@ void StreamThread::run()
 
         // The phone paces itself on this byte: it is sent once the 90th frame is in, before that
         // frame is decoded.
+        // Kept on purpose (docs/KEPT.md): one counter for every stream of the process.
         const uint32_t frames = g_frame_counter.fetch_add(1, std::memory_order_relaxed) + 1;
         if (s->ack_enabled && frames >= STREAM_ACK_EVERY) {
             const uint8_t ack = 0x01;
@@ -228,6 +231,7 @@ bool stream_recv_udp_frame(stream* s, uint8_t** buffer, uint32_t* length)
             chunks_received = 0;
             frame_id = id;
         } else if (kind == UDP_FRAME_CHUNK) {
+            // Kept on purpose (docs/KEPT.md): chunks are checked against the buffer only.
             if (chunk_count == 0 || value != frame_id)
                 continue; // a late chunk of an earlier frame
             const uint32_t index = be16(datagram + 10);

@@ -56,6 +56,7 @@ int video_buffer_memalloc(video_buffer* buffer, int frame_width, int frame_heigh
     void* mapped = platform_mmap(nullptr, buffer->length, PROT_READ | PROT_WRITE, MAP_SHARED, mem,
                                  static_cast<off_t>(buffer->physical_address));
     if (mapped == MAP_FAILED) {
+        // Kept on purpose (docs/KEPT.md): the text as it has always been spelled; the area is not freed here.
         std::puts("Memalloc buffer mmap faile");
         platform_close(mem);
         platform_close(buffer->memalloc_fd);
@@ -80,8 +81,8 @@ bool video_buffer_init(video_buffer* buffer, bool use_condition, int frame_width
         buffer->ready = false;
     }
     buffer->initialised = true;
-    // A failed allocation is not reported here: the link comes up and the stream reader refuses
-    // to receive into an area that is not mapped.
+    // A failed allocation is not reported here, only printed above (kept on purpose: docs/KEPT.md);
+    // the service fails the link's start when the area is not mapped.
     return true;
 }
 

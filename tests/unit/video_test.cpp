@@ -137,7 +137,7 @@ TEST(VideoBuffer, EachAllocationStepThatFailsPrintsItsLineAndLeavesNothingOpenOr
         video_buffer b{};
         StdoutCapture out;
         EXPECT_TRUE(video_buffer_init(&b, false, 1280, 720))
-            << "the link comes up; the stream refuses to read";
+            << "the record reports success; the service checks the mapping";
         unsetenv("ORVANE_HOST_FAULTS");
         EXPECT_EQ(out.text(), line + "init tez video buffer:-1\n");
         EXPECT_TRUE(b.memalloc_fd == -1 && b.mapped_address == VIDEO_BUFFER_UNMAPPED) << fault;
