@@ -91,6 +91,7 @@ int dnssd_register_mirroring(dnssd* d, uint16_t port, const char* width, const c
         dnssd_assert_fail(248, "dnssd_register_mirroring");
 
     d->txt_create(&d->txt, 0, nullptr);
+    d->txt_created = true;
     set_txt_value(d, "deviceid", d->device_id);
     set_txt_value(d, "width", width);
     set_txt_value(d, "height", height);
@@ -107,14 +108,16 @@ void dnssd_unregister_mirroring(dnssd* d)
 {
     if (d == nullptr)
         dnssd_assert_fail(292, "dnssd_unregister_mirroring");
-    // Kept on purpose (docs/KEPT.md): a record never registered keeps its copies.
     if (d->service == nullptr)
         return;
     d->txt_deallocate(&d->txt);
+    d->txt_created = false;
     d->service_ref_deallocate(d->service);
     free(d->name);
+    d->name = nullptr;
     d->service = nullptr;
     free(d->device_id);
+    d->device_id = nullptr;
 }
 
 void dnssd_destroy(dnssd* d)
@@ -122,6 +125,12 @@ void dnssd_destroy(dnssd* d)
     if (d == nullptr)
         return;
     dnssd_unregister_mirroring(d);
+    // A registration the DNS-SD daemon refused left the record's copies and TXT record behind:
+    // freed here, or each Wi-Fi start without a DNS-SD daemon would leak them.
+    if (d->txt_created)
+        d->txt_deallocate(&d->txt);
+    free(d->name);
+    free(d->device_id);
     free(d);
 }
 

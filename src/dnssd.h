@@ -22,6 +22,7 @@ struct dnssd {
     uint32_t name_length;
     char* device_id;
     uint32_t device_id_length;
+    bool txt_created; // the TXT record holds the library's buffer
 };
 
 // Main thread, all four. Registering starts the DNS-SD library's own thread (under WorkerSignalMask,

@@ -120,7 +120,6 @@ private:
     int texture_w_ = 0;
     int texture_h_ = 0;
     int refresh_hz_ = 60;
-    bool inited_ = false;
     int fb_width_ = 0;
     int fb_height_ = 0;
     bool pointer_ = false;  // touches and keys go to the phone

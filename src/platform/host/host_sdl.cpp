@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include <SDL2/SDL.h>
 
@@ -41,8 +42,16 @@ void window_to_fb(const WindowView& view, double wx, double wy, unsigned* fx, un
     *fy = map(wy, view.y, view.fb_height);
 }
 
-bool SdlWindow::open(int width, int height)
+// SDL's video comes up once, with the first window, and stays up for the process: a window per link
+// would otherwise load and unload the display's libraries every time (and leave behind what they
+// allocated). Until a real display has answered, every window tries again.
+static bool sdl_video_up()
 {
+    static std::mutex mutex;
+    static bool up = false;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (up)
+        return true;
     // The daemon's own handlers decide what SIGINT and SIGTERM do.
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
     if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
@@ -50,15 +59,24 @@ bool SdlWindow::open(int width, int height)
         SDL_Quit(); // frees what the failed start left behind
         return false;
     }
-    inited_ = true;
     // SDL falls back to drivers that show nothing when no display answers; that is no window.
     const char* driver = SDL_GetCurrentVideoDriver();
     if (driver == nullptr || strcmp(driver, "offscreen") == 0 || strcmp(driver, "dummy") == 0) {
         printf("host display: no display to open a window on (SDL driver %s), running headless\n",
                driver ? driver : "none");
-        close();
+        SDL_QuitSubSystem(SDL_INIT_VIDEO);
+        SDL_Quit();
         return false;
     }
+    up = true;
+    return true;
+}
+
+bool SdlWindow::open(int width, int height)
+{
+    if (!sdl_video_up())
+        return false;
+    const char* driver = SDL_GetCurrentVideoDriver();
     SDL_Window* window = SDL_CreateWindow("Orvane", SDL_WINDOWPOS_UNDEFINED, SDL_WINDOWPOS_UNDEFINED, width,
                                           height, SDL_WINDOW_SHOWN | SDL_WINDOW_RESIZABLE);
     if (!window) {
@@ -258,11 +276,9 @@ void SdlWindow::close()
     av_frame_free(&converted_);
     sws_freeContext(sws_);
     sws_ = nullptr;
-    if (inited_) {
-        SDL_QuitSubSystem(SDL_INIT_VIDEO);
-        SDL_Quit();
-        inited_ = false;
-    }
+    // SDL keeps per-thread data (its error text) that only its own threads give back; the
+    // presenter thread ends with its link, so it hands its share back here.
+    SDL_TLSCleanup();
 }
 
 } // namespace orvane_host
