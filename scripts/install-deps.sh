@@ -13,6 +13,7 @@ PKGS=(
   adb
   libgtest-dev googletest
   iproute2 procps psmisc python3
+  mmdebstrap qemu-user-static binfmt-support crossbuild-essential-armhf crossbuild-essential-arm64
 )
 
 missing=()
