@@ -22,14 +22,17 @@ if [ -f "$STAMP" ] && [ "$(cat "$STAMP")" = "$ARCH $PKGS" ]; then
   echo "sysroot.sh: $DIR is already a $ARCH sysroot"
   exit 0
 fi
-if [ -e "$DIR" ] && [ -n "$(ls -A "$DIR")" ]; then
-  echo "sysroot.sh: $DIR exists and is not one of our sysroots; remove it first" >&2
+if [ -e "$DIR" ]; then
+  echo "sysroot.sh: $DIR exists and is not a sysroot made here from this package list; remove it first" >&2
   exit 1
 fi
+# Made beside its place and moved there whole, so that an interrupted run leaves no half sysroot.
+NEW="$DIR.partial"
+rm -rf "$NEW"
 
-# The release and its updates, without the security suite: its index for armhf has been served
-# half-synchronised, and mmdebstrap stops at any index error. The libraries' names and interfaces
-# are the release's either way.
+# The release and its updates, without the security suite: its armhf index has been served out of
+# step with its release file, and mmdebstrap stops at any index error. The libraries' names and
+# interfaces are the release's either way.
 #
 # Each package's shlibs file goes into the sysroot's dpkg directory, so that a package built
 # against the sysroot can name the packages its libraries come from (nothing is installed here,
@@ -42,13 +45,14 @@ mmdebstrap --variant=extract --architectures="$ARCH" --include="$PKGS" \
       dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./shlibs 2>/dev/null > "$1/var/lib/dpkg/info/$pkg.shlibs" || true
       [ -s "$1/var/lib/dpkg/info/$pkg.shlibs" ] || rm -f "$1/var/lib/dpkg/info/$pkg.shlibs"
     done' \
-  bookworm "$DIR" </dev/null
+  bookworm "$NEW" </dev/null
 
 # Absolute symbolic links (libz.so -> /lib/...) would point into the build machine: make them
 # relative to the sysroot.
-find "$DIR/lib" "$DIR/usr/lib" -type l -lname '/*' | while read -r link; do
+find "$NEW/lib" "$NEW/usr/lib" -type l -lname '/*' | while read -r link; do
   target=$(readlink "$link")
-  ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$DIR$target")" "$link"
+  ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$NEW$target")" "$link"
 done
-echo "$ARCH $PKGS" >"$STAMP"
+echo "$ARCH $PKGS" >"$NEW/.orvane-sysroot"
+mv "$NEW" "$DIR"
 echo "sysroot.sh: $ARCH sysroot in $DIR ($(du -sh "$DIR" | cut -f1))"
