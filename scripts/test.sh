@@ -120,6 +120,8 @@ for ARCH in armhf arm64; do
 
   step "$ARCH: system tests with the ARM daemon (D-Bus, USB, misbehaving phone, clock)"
   run_ctest --test-dir "build-$ARCH" --output-on-failure -L system -R 'dbus|usb|clock'
+  printf '%s: ' "$ARCH"
+  grep -h '^frame-rate cap:' "build-$ARCH/Testing/Temporary/LastTest.log"
 
   if [ "$ARCH" = armhf ]; then
     # Everything compiles; the daemon's link may miss only what the vendor's libraries define.
