@@ -29,8 +29,9 @@ if(DEFINED ORVANE_SYSROOT)
   set(CMAKE_FIND_ROOT_PATH ${ORVANE_SYSROOT})
   set(ENV{PKG_CONFIG_SYSROOT_DIR} ${ORVANE_SYSROOT})
   set(ENV{PKG_CONFIG_LIBDIR} "${ORVANE_SYSROOT}/usr/lib/${ORVANE_TRIPLE}/pkgconfig:${ORVANE_SYSROOT}/usr/share/pkgconfig")
-  # Test discovery and the tests run the target's programs with the sysroot's loader and libraries.
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${ORVANE_QEMU} -L ${ORVANE_SYSROOT})
+  # Test discovery and the tests run the target's programs with the sysroot's loader and libraries,
+  # named in the environment (not by -L) so that the target's programs a test starts find them too.
+  set(CMAKE_CROSSCOMPILING_EMULATOR env QEMU_LD_PREFIX=${ORVANE_SYSROOT} ${ORVANE_QEMU})
 endif()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
