@@ -14,6 +14,7 @@ PKGS=(
   libgtest-dev googletest
   iproute2 procps psmisc python3
   xvfb xdotool help2man util-linux systemd
+  mmdebstrap qemu-user-static binfmt-support crossbuild-essential-armhf crossbuild-essential-arm64
 )
 
 missing=()

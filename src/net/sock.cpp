@@ -6,13 +6,27 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace {
+
+// The receive time-out each open descriptor was given here. Reading SO_RCVTIMEO back is no sure
+// guide: an emulated 32-bit system answers the 64-bit read with zeros. A descriptor number is
+// forgotten when it is closed here and when it comes back from socket() or accept().
+std::mutex g_timeouts_mutex;
+std::unordered_map<int, int> g_recv_timeouts;
+
+void forget_timeout(int sock)
+{
+    std::lock_guard<std::mutex> lock(g_timeouts_mutex);
+    g_recv_timeouts.erase(sock);
+}
 
 sockaddr_in make_addr(uint32_t addr, uint16_t port)
 {
@@ -33,6 +47,7 @@ int sock_connect(uint32_t addr, uint16_t port)
         perror("socket");
         return -1;
     }
+    forget_timeout(sock);
     const sockaddr_in sin = make_addr(addr, port);
     if (connect(sock, reinterpret_cast<const sockaddr*>(&sin), sizeof sin) == -1) {
         perror("connect");
@@ -49,6 +64,7 @@ int sock_listen(uint32_t addr, uint16_t port, int backlog)
         perror("socket");
         return -1;
     }
+    forget_timeout(sock);
     // A restarted link must be able to listen again while the last one's port is in TIME_WAIT.
     const int on = 1;
     if (setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1)
@@ -74,6 +90,7 @@ int sock_bind_udp(uint32_t addr, uint16_t port)
         perror("socket");
         return -1;
     }
+    forget_timeout(sock);
     // Room for a burst of video chunks; the kernel may cap it, which is fine.
     const int size = 0x100000;
     setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
@@ -93,6 +110,8 @@ int sock_accept(int sock)
     const int client = accept(sock, reinterpret_cast<sockaddr*>(&peer), &len);
     if (client == -1)
         perror("accept");
+    else
+        forget_timeout(client);
     return client;
 }
 
@@ -100,19 +119,6 @@ ssize_t sock_recv(int sock, void* buf, size_t len)
 {
     return recv(sock, buf, len, 0);
 }
-
-namespace {
-
-bool has_receive_timeout(int sock)
-{
-    timeval timeout = {0, 0};
-    socklen_t size = sizeof timeout;
-    if (getsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, &size) != 0)
-        return false;
-    return timeout.tv_sec != 0 || timeout.tv_usec != 0;
-}
-
-} // namespace
 
 ssize_t sock_recv_all(int sock, void* buf, size_t len)
 {
@@ -125,7 +131,7 @@ ssize_t sock_recv_all(int sock, void* buf, size_t len)
             total += len;
         } else if (r == 0) {
             break;
-        } else if (errno == EAGAIN && has_receive_timeout(sock)) {
+        } else if (errno == EAGAIN && sock_recv_timeout(sock) > 0) {
             // The caller bounded the wait (a Wi-Fi phone that connects and then stays silent):
             // EAGAIN here is that time-out, and retrying would turn it into an endless wait on
             // the main thread.
@@ -162,6 +168,7 @@ bool sock_shutdown(int sock, int how)
 
 bool sock_close(int sock)
 {
+    forget_timeout(sock);
     return close(sock) == 0;
 }
 
@@ -175,7 +182,22 @@ int64_t sock_monotonic_ms()
 void sock_set_recv_timeout(int sock, int ms)
 {
     timeval timeout = {ms / 1000, (ms % 1000) * 1000};
-    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) {
+        perror("setsockopt(SO_RCVTIMEO)");
+        return;
+    }
+    std::lock_guard<std::mutex> lock(g_timeouts_mutex);
+    if (ms > 0)
+        g_recv_timeouts[sock] = ms;
+    else
+        g_recv_timeouts.erase(sock);
+}
+
+int sock_recv_timeout(int sock)
+{
+    std::lock_guard<std::mutex> lock(g_timeouts_mutex);
+    const auto it = g_recv_timeouts.find(sock);
+    return it == g_recv_timeouts.end() ? 0 : it->second;
 }
 
 void sock_set_liveness(int sock)

@@ -23,6 +23,8 @@ bool sock_close(int sock);
 int64_t sock_monotonic_ms();
 // Receive time-out in milliseconds; 0 waits without end.
 void sock_set_recv_timeout(int sock, int ms);
+// The receive time-out last set on this descriptor with sock_set_recv_timeout (0: none).
+int sock_recv_timeout(int sock);
 // TCP keepalive and a limit on unacknowledged data: a peer that vanishes without a word (out of
 // radio range, no FIN, no RST) ends the connection within SOCK_LIVENESS_MS, while a live peer
 // that merely has nothing to send keeps it for good.

@@ -8,7 +8,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include "net/sock.h"
 
@@ -37,12 +36,8 @@ namespace {
 // dribbles a byte at a time must not stretch the wait. 0 (no time-out) waits without end.
 int64_t record_deadline(int socket)
 {
-    timeval timeout = {0, 0};
-    socklen_t size = sizeof timeout;
-    if (getsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, &size) != 0 ||
-        (timeout.tv_sec == 0 && timeout.tv_usec == 0))
-        return -1;
-    return sock_monotonic_ms() + int64_t(timeout.tv_sec) * 1000 + timeout.tv_usec / 1000;
+    const int timeout_ms = sock_recv_timeout(socket);
+    return timeout_ms > 0 ? sock_monotonic_ms() + timeout_ms : -1;
 }
 
 // Exactly len bytes, or false: unlike the stream's reads, a record cut short by the phone closing

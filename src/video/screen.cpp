@@ -2,10 +2,10 @@
 
 #include <fcntl.h>
 #include <linux/fb.h>
-#include <sys/time.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "platform/codec.h"
 #include "platform/device.h"
@@ -17,9 +17,10 @@
 
 namespace {
 
-// When a picture was last handed to the layer; shared by every screen of the process, as there is
-// only one video layer.
+// When a picture was last handed to the layer, if the clock could be read then; shared by every
+// screen of the process, as there is only one video layer.
 uint32_t last_show_ms = 0;
+bool last_show_known = false;
 
 } // namespace
 
@@ -178,7 +179,11 @@ int screen_render_frame(screen* s, video_buffer* buffer, stream_stats* stats)
     const bool changed = screen_reset_layout(s, out->width, out->height);
     if (changed && stats)
         stream_stats_layout(stats, out->width, out->height, s->x, s->y, s->display_width, s->display_height);
-    if (!changed && !screen_frame_due(get_time_ms(), last_show_ms)) {
+    // Without a clock reading nothing is held back: the wait for the latch above still paces the
+    // layer, where a guessed time could hold every picture back or let all through.
+    uint32_t now = 0;
+    const bool timed = get_time_ms(&now) && last_show_known;
+    if (!changed && timed && !screen_frame_due(now, last_show_ms)) {
         if (stats)
             stream_stats_bump(stats->frames_not_shown);
         return 1;
@@ -203,7 +208,7 @@ int screen_render_frame(screen* s, video_buffer* buffer, stream_stats* stats)
             screen_show_window(s, true);
         }
     }
-    last_show_ms = get_time_ms();
+    last_show_known = get_time_ms(&last_show_ms);
     if (stats) {
         // Dark while the reveal delay runs or the HMI has hidden the video.
         const bool lit =
@@ -213,10 +218,12 @@ int screen_render_frame(screen* s, video_buffer* buffer, stream_stats* stats)
     return 1;
 }
 
-uint32_t get_time_ms()
+bool get_time_ms(uint32_t* now)
 {
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return static_cast<uint32_t>(static_cast<uint64_t>(tv.tv_sec) * 1000u +
-                                 static_cast<uint64_t>(tv.tv_usec) / 1000u);
+    timespec ts;
+    if (clock_gettime(CLOCK_MONOTONIC, &ts) != 0)
+        return false;
+    *now = static_cast<uint32_t>(static_cast<uint64_t>(ts.tv_sec) * 1000u +
+                                 static_cast<uint64_t>(ts.tv_nsec) / 1000000u);
+    return true;
 }

@@ -36,7 +36,10 @@ void screen_set_hidden(screen* s, bool hide);
 bool screen_reset_layout(screen* s, int width, int height);
 // Decodes the buffer's frame and shows its picture; `stats`, when given, counts what happened.
 int screen_render_frame(screen* s, video_buffer* buffer, stream_stats* stats = nullptr);
-uint32_t get_time_ms();
+// The frame-rate cap's clock: monotonic milliseconds, wrapping. Not the wall clock, which jumps
+// when the head unit learns the time from GPS or the network, and which a 32-bit C library cannot
+// read after 2038-01-19. False, and `now` untouched, when the clock cannot be read.
+bool get_time_ms(uint32_t* now);
 
 // Pictures closer than this to the last shown one are dropped (about 55 per second at most).
 constexpr uint32_t SCREEN_MIN_FRAME_MS = 17;

@@ -22,6 +22,8 @@ import xml.etree.ElementTree as ElementTree
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUILD_DIR = os.path.abspath(os.environ.get('ORVANE_BUILD_DIR') or os.path.join(HERE, '..', '..', 'build'))
 BIN_DIR = os.path.join(BUILD_DIR, 'bin')
+# The phone's stand-ins may come from another build: a cross-built daemon is tested against native ones.
+TOOLS_DIR = os.path.abspath(os.environ.get('ORVANE_TOOLS_DIR') or BIN_DIR)
 SESSION_CONF = os.path.join(HERE, 'session.conf')
 SERVICE, OBJECT_PATH, INTERFACE = 'com.quorva.mirror', '/com/quorva/mirror', 'Local.DbusServer.QVOMirror'
 LINK_USB, LINK_WIFI = 2, 243
@@ -34,7 +36,7 @@ ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)  # PR_SET_CHILD_SUBREAPER
 
 
 def binary(name):
-    return os.path.join(BIN_DIR, name)
+    return os.path.join(TOOLS_DIR if name in ('fake-adb', 'phone-sim') else BIN_DIR, name)
 
 
 def require_binaries(*names):
@@ -351,13 +353,14 @@ class OrvaneTestCase(unittest.TestCase):
         assert not reports, 'sanitizer report on the console of ' + ', '.join(reports)
 
 
-Picture = collections.namedtuple('Picture', 'size place visible')
+Picture = collections.namedtuple('Picture', 'ns size place visible')
 
 
 def parse_pictures(text):
-    """The headless display's picture log: each latched picture's video size, placement and visibility."""
-    return [Picture((int(w), int(h)), (int(x), int(y), int(pw), int(ph)), v == '1') for w, h, x, y, pw, ph, v in
-            re.findall(r'^\d+ (\d+)x(\d+) (-?\d+),(-?\d+),(\d+)x(\d+) ([01])$', text, re.MULTILINE)]
+    """The headless display's picture log (whole lines): each latched picture's monotonic time, video size,
+    placement and visibility."""
+    return [Picture(int(ns), (int(w), int(h)), (int(x), int(y), int(pw), int(ph)), v == '1')
+            for ns, w, h, x, y, pw, ph, v in re.findall(r'^(\d+) (\d+)x(\d+) (-?\d+),(-?\d+),(\d+)x(\d+) ([01])$', text, re.MULTILINE)]
 
 
 class UsbRig:

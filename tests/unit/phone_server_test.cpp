@@ -20,7 +20,7 @@
 
 namespace {
 
-std::string g_tmp, g_adb, g_bin_dir; // scratch dir, ADB symlink to fake-adb, build/bin
+std::string g_tmp, g_adb, g_bin_dir; // scratch dir, ADB symlink to fake-adb, the tools' directory
 
 std::string read_file(const std::string& path)
 {
@@ -44,8 +44,7 @@ class UsbServer : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        const char* build = getenv("ORVANE_BUILD_DIR");
-        g_bin_dir = std::string(build != nullptr ? build : ".") + "/bin";
+        g_bin_dir = ORVANE_TOOLS_DIR;
         char tmpl[] = "/tmp/phone_server_test.XXXXXX";
         g_tmp = mkdtemp(tmpl);
         g_adb = g_tmp + "/adb";
