@@ -68,11 +68,14 @@ cmake --build build-qt6 -j "$JOBS"
 # The HMI storm and the 200-cycle endurance run once, in the stage above: under ASan they would double
 # the run, and ASan's quarantine makes resident memory say nothing about the daemon. The clock test
 # preloads its shim ahead of the sanitizer's runtime, which ASan refuses; it runs plain and on armhf.
+# The starved-machine test runs plain too: ASan's shadow memory needs far more address space than the
+# limits it sets, and UBSan probes memory through a pipe, so it takes every object for a bad one in a
+# process without a free descriptor.
 step "ASan+UBSan: unit and system tests"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=address >/dev/null
 cmake --build build-asan -j "$JOBS"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_ctest --test-dir build-asan --output-on-failure -j "$JOBS" -L 'unit|system' -E 'packaging|storm|endurance|clock'
+  run_ctest --test-dir build-asan --output-on-failure -j "$JOBS" -L 'unit|system' -E 'packaging|storm|endurance|clock|machine'
 
 step "TSan: unit tests"
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=thread >/dev/null

@@ -44,15 +44,20 @@ void OrvaneService::requestTouchAction(uint touchType, uint x, uint y)
     if (!controllerRunning)
         return;
 
+    // One reading of the placement the stream thread keeps up to date.
     const int frameWidth = screen.frame_width.load(std::memory_order_relaxed);
     const int frameHeight = screen.frame_height.load(std::memory_order_relaxed);
-    const QRect picture(screen.x, screen.y, screen.display_width, screen.display_height);
+    const int left = screen.x.load(std::memory_order_relaxed);
+    const int top = screen.y.load(std::memory_order_relaxed);
+    const int displayWidth = screen.display_width.load(std::memory_order_relaxed);
+    const int displayHeight = screen.display_height.load(std::memory_order_relaxed);
+    const QRect picture(left, top, displayWidth, displayHeight);
     // The strict test leaves the picture's outermost rows and columns outside.
     const QPoint point(static_cast<int>(x), static_cast<int>(y));
     ControlMessage msg;
 
     // Kept on purpose (docs/KEPT.md): the strict edge, single precision, and the press state across links.
-    if (picture.contains(point, true) && screen.display_width > 0 && screen.display_height > 0) {
+    if (picture.contains(point, true) && displayWidth > 0 && displayHeight > 0) {
         const int code = touch_code(touchType);
         if (code < 0)
             return;
@@ -61,14 +66,12 @@ void OrvaneService::requestTouchAction(uint touchType, uint x, uint y)
         // A move or release without a forwarded press before it means nothing to the phone.
         if (touchPressed != 1)
             return;
-        const int32_t dx = static_cast<int32_t>(x - static_cast<uint>(screen.x));
-        const int32_t dy = static_cast<int32_t>(y - static_cast<uint>(screen.y));
-        const int phoneX =
-            static_cast<int>(static_cast<float>(dx) *
-                             (static_cast<float>(frameWidth) / static_cast<float>(screen.display_width)));
-        const int phoneY =
-            static_cast<int>(static_cast<float>(dy) *
-                             (static_cast<float>(frameHeight) / static_cast<float>(screen.display_height)));
+        const int32_t dx = static_cast<int32_t>(x - static_cast<uint>(left));
+        const int32_t dy = static_cast<int32_t>(y - static_cast<uint>(top));
+        const int phoneX = static_cast<int>(
+            static_cast<float>(dx) * (static_cast<float>(frameWidth) / static_cast<float>(displayWidth)));
+        const int phoneY = static_cast<int>(
+            static_cast<float>(dy) * (static_cast<float>(frameHeight) / static_cast<float>(displayHeight)));
         if (!build_touch_message(code, phoneX, phoneY, frameWidth, frameHeight, &msg))
             return;
         lastTouchX = phoneX;

@@ -36,12 +36,13 @@ void screen_init(screen* s)
     s->show_requested.store(false, std::memory_order_relaxed);
     s->fb = -1;
     s->last_addr = 0;
-    s->x = 0;
-    s->y = 0;
+    s->x.store(0, std::memory_order_relaxed);
+    s->y.store(0, std::memory_order_relaxed);
     s->scale = 0.0f;
-    s->display_width = 0;
-    s->display_height = 0;
-    // Only the first character counts: "10" still means full screen, "" and "0" do not.
+    s->display_width.store(0, std::memory_order_relaxed);
+    s->display_height.store(0, std::memory_order_relaxed);
+    // Only the first character counts: "10" still means full screen, "" and "0" do not (kept on
+    // purpose: docs/KEPT.md).
     const char* full = std::getenv("LINK_FULLSCREEN");
     s->fullscreen = full != nullptr && full[0] == '1';
 }
@@ -109,40 +110,43 @@ bool screen_reset_layout(screen* s, int width, int height)
     s->frame_height.store(height, std::memory_order_relaxed);
     screen_show_window(s, false);
 
+    int x = 0, y = 0, w = s->screen_width, h = s->screen_height;
     if (s->fullscreen && width > height) {
         // Landscape pictures may be stretched over the whole screen; portrait ones never are.
-        s->x = 0;
-        s->y = 0;
         s->scale = 0.0f;
-        s->display_width = s->screen_width;
-        s->display_height = s->screen_height;
     } else {
-        // Single precision on purpose: the layer's placement has always been computed this way.
+        // Single precision on purpose: the layer's placement has always been computed this way
+        // (kept on purpose: docs/KEPT.md).
         const float sx = static_cast<float>(s->screen_width) / static_cast<float>(width);
         const float sy = static_cast<float>(s->screen_height) / static_cast<float>(height);
         const float scale = sx <= sy ? sx : sy;
         s->scale = scale;
         // The layer wants sizes in multiples of 4.
-        s->display_width = static_cast<int>(scale * static_cast<float>(width)) & ~3;
-        s->display_height = static_cast<int>(scale * static_cast<float>(height)) & ~3;
+        w = static_cast<int>(scale * static_cast<float>(width)) & ~3;
+        h = static_cast<int>(scale * static_cast<float>(height)) & ~3;
         // A sliver of a picture (16x4096 on 800x480) would round to a layer 0 pixels wide, which
         // the display cannot take: keep the smallest layer it can show.
-        if (s->display_width < SCREEN_MIN_LAYER || s->display_height < SCREEN_MIN_LAYER) {
+        if (w < SCREEN_MIN_LAYER || h < SCREEN_MIN_LAYER) {
             std::printf("picture %dx%d too thin for the screen, layer kept at least %d pixels\n", width,
                         height, SCREEN_MIN_LAYER);
-            s->display_width = s->display_width < SCREEN_MIN_LAYER ? SCREEN_MIN_LAYER : s->display_width;
-            s->display_height = s->display_height < SCREEN_MIN_LAYER ? SCREEN_MIN_LAYER : s->display_height;
+            w = w < SCREEN_MIN_LAYER ? SCREEN_MIN_LAYER : w;
+            h = h < SCREEN_MIN_LAYER ? SCREEN_MIN_LAYER : h;
         }
-        s->x = (s->screen_width - s->display_width) >> 1;
-        s->y = (s->screen_height - s->display_height) >> 1;
+        x = (s->screen_width - w) >> 1;
+        y = (s->screen_height - h) >> 1;
     }
+    // The main thread reads the placement for its touches while this thread sets it.
+    s->x.store(x, std::memory_order_relaxed);
+    s->y.store(y, std::memory_order_relaxed);
+    s->display_width.store(w, std::memory_order_relaxed);
+    s->display_height.store(h, std::memory_order_relaxed);
     std::printf("new frame size:%d,%d\n", width, height);
-    std::printf("reset display pos:%d,%d,%d,%d\n", s->x, s->y, s->display_width, s->display_height);
-    tezapi_init_fb_display(s->fb, width, height, s->x, s->y, s->display_width, s->display_height, 0, 0, 0, 0,
-                           17, 0, 1);
+    std::printf("reset display pos:%d,%d,%d,%d\n", x, y, w, h);
+    tezapi_init_fb_display(s->fb, width, height, x, y, w, h, 0, 0, 0, 0, 17, 0, 1);
     return true;
 }
 
+// Kept on purpose (docs/KEPT.md): 17 ms or less after the last picture is too soon.
 bool screen_frame_due(uint32_t now, uint32_t last)
 {
     // Unsigned difference, so the cap keeps working when the millisecond clock wraps.
@@ -178,7 +182,10 @@ int screen_render_frame(screen* s, video_buffer* buffer, stream_stats* stats)
 
     const bool changed = screen_reset_layout(s, out->width, out->height);
     if (changed && stats)
-        stream_stats_layout(stats, out->width, out->height, s->x, s->y, s->display_width, s->display_height);
+        stream_stats_layout(stats, out->width, out->height, s->x.load(std::memory_order_relaxed),
+                            s->y.load(std::memory_order_relaxed),
+                            s->display_width.load(std::memory_order_relaxed),
+                            s->display_height.load(std::memory_order_relaxed));
     // Without a clock reading nothing is held back: the wait for the latch above still paces the
     // layer, where a guessed time could hold every picture back or let all through.
     uint32_t now = 0;

@@ -8,6 +8,9 @@
 struct video_buffer;
 struct stream_stats;
 
+// The main thread opens and closes the screen while no stream runs; the stream thread lays out and
+// shows pictures; the main thread (hide, touch mapping) and the thread of EVENT_FRAME_SIZE_CHANGED
+// (stream or receiver) also use it while a stream runs. What more than one thread touches is atomic.
 struct screen {
     // Read by the main thread (touch mapping) while the stream thread writes them.
     std::atomic<int> frame_width;
@@ -20,11 +23,12 @@ struct screen {
     std::atomic<bool> show_requested; // last state passed to screen_show_window
     int fb;                           // -1 when closed
     uint32_t last_addr;               // first address word last handed to the layer
-    int x;
-    int y;
+    // Where the picture lies on the screen: read by the main thread (touch mapping) too.
+    std::atomic<int> x;
+    std::atomic<int> y;
     float scale;
-    int display_width;
-    int display_height;
+    std::atomic<int> display_width;
+    std::atomic<int> display_height;
     bool fullscreen;
 };
 
