@@ -1,5 +1,6 @@
 #include "command.h"
 
+#include "base/clock.h"
 #include "base/ending.h"
 
 #include <cerrno>
@@ -170,11 +171,8 @@ bool command_wait_within(pid_t pid, int* exit_code, int timeout_ms, bool* timed_
     *timed_out = false;
     if (timeout_ms < 0)
         return command_wait(pid, exit_code);
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    const auto ms = [](const timespec& t) { return int64_t(t.tv_sec) * 1000 + t.tv_nsec / 1000000; };
     // Once the daemon is ending, no child holds it for long.
-    EndingDeadline deadline(ms(start), timeout_ms);
+    EndingDeadline deadline(monotonic_ms(), timeout_ms);
     long pause_us = 1000;
     for (;;) {
         int status;
@@ -192,9 +190,7 @@ bool command_wait_within(pid_t pid, int* exit_code, int timeout_ms, bool* timed_
                 *exit_code = -1;
             return false;
         }
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        if (deadline.due(ms(now))) {
+        if (deadline.due(monotonic_ms())) {
             // A hung adb would otherwise hold the main thread, and with it the D-Bus service, forever.
             *timed_out = true;
             kill(pid, SIGKILL);

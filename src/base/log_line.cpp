@@ -1,5 +1,6 @@
 #include "base/log_line.h"
 
+#include "base/clock.h"
 #include "base/console.h"
 
 #include <QMessageLogger>
@@ -17,10 +18,7 @@ std::string log_timestamp_prefix_for_ms(int64_t ms)
 
 std::string log_timestamp_prefix()
 {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    const int64_t ms = static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-    return log_timestamp_prefix_for_ms(ms);
+    return log_timestamp_prefix_for_ms(monotonic_ms());
 }
 
 LogLine::LogLine(QtMsgType type, bool withPrefix) : type_(type)

@@ -172,13 +172,6 @@ bool sock_close(int sock)
     return close(sock) == 0;
 }
 
-int64_t sock_monotonic_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 void sock_set_recv_timeout(int sock, int ms)
 {
     timeval timeout = {ms / 1000, (ms % 1000) * 1000};

@@ -19,8 +19,6 @@ ssize_t sock_recv_all(int sock, void* buf, size_t len);
 ssize_t sock_send_all(int sock, const void* buf, size_t len);
 bool sock_shutdown(int sock, int how);
 bool sock_close(int sock);
-// Monotonic clock in milliseconds, for deadlines of waits on sockets.
-int64_t sock_monotonic_ms();
 // Receive time-out in milliseconds; 0 waits without end.
 void sock_set_recv_timeout(int sock, int ms);
 // The receive time-out last set on this descriptor with sock_set_recv_timeout (0: none).

@@ -1,4 +1,5 @@
 #include "server/phone_server.h"
+#include "base/clock.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -157,7 +158,7 @@ static bool wait_for_server(PhoneServer* server, int fd, int64_t deadline)
             puts("The daemon is ending: the server's connection is not waited for");
             return false;
         }
-        const int64_t left = deadline - sock_monotonic_ms();
+        const int64_t left = deadline - monotonic_ms();
         if (left <= 0) {
             printf("Server did not connect within %d ms\n", PHONE_SERVER_CONNECT_MS);
             return false;
@@ -200,7 +201,7 @@ static bool connect_forward(PhoneServer* server, int64_t deadline)
 
 bool phone_server_connect(PhoneServer* server)
 {
-    const int64_t deadline = sock_monotonic_ms() + PHONE_SERVER_CONNECT_MS;
+    const int64_t deadline = monotonic_ms() + PHONE_SERVER_CONNECT_MS;
     if (!server->tunnel_forward) {
         const int listener = fd_load(&server->server_socket);
         const int video = wait_for_server(server, listener, deadline) ? sock_accept(listener) : -1;

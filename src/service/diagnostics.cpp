@@ -1,4 +1,5 @@
 #include "service/diagnostics.h"
+#include "base/clock.h"
 
 #include <QDBusConnection>
 #include <QMetaProperty>
@@ -32,7 +33,7 @@ LinkRecord g_link;
 
 uint64_t now_ms()
 {
-    return stream_stats_now_us() / 1000u;
+    return static_cast<uint64_t>(monotonic_ms());
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "video/device_info.h"
+#include "base/clock.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -37,7 +38,7 @@ namespace {
 int64_t record_deadline(int socket)
 {
     const int timeout_ms = sock_recv_timeout(socket);
-    return timeout_ms > 0 ? sock_monotonic_ms() + timeout_ms : -1;
+    return timeout_ms > 0 ? monotonic_ms() + timeout_ms : -1;
 }
 
 // Exactly len bytes, or false: unlike the stream's reads, a record cut short by the phone closing
@@ -48,7 +49,7 @@ bool recv_record(int socket, uint8_t* record, size_t len)
     size_t got = 0;
     while (got < len) {
         if (deadline >= 0) {
-            const int64_t left = deadline - sock_monotonic_ms();
+            const int64_t left = deadline - monotonic_ms();
             pollfd pfd = {socket, POLLIN, 0};
             const int ready = left > 0 ? poll(&pfd, 1, static_cast<int>(left)) : 0;
             if (ready < 0 && errno == EINTR)
@@ -61,7 +62,7 @@ bool recv_record(int socket, uint8_t* record, size_t len)
             got += static_cast<size_t>(r);
         else if (r == 0 || (errno != EINTR && errno != EAGAIN))
             return false;
-        else if (errno == EAGAIN && deadline >= 0 && sock_monotonic_ms() >= deadline)
+        else if (errno == EAGAIN && deadline >= 0 && monotonic_ms() >= deadline)
             return false;
     }
     return true;

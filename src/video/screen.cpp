@@ -1,4 +1,5 @@
 #include "video/screen.h"
+#include "base/clock.h"
 
 #include <fcntl.h>
 #include <linux/fb.h>
@@ -171,10 +172,10 @@ int screen_render_frame(screen* s, video_buffer* buffer, stream_stats* stats)
 
     decode_output* out = buffer->output;
     out->count = 0;
-    const uint64_t decode_start = stats ? stream_stats_now_us() : 0;
+    const uint64_t decode_start = stats ? static_cast<uint64_t>(monotonic_us()) : 0;
     const int result = MFCDecode(&buffer->mapped_address, out, buffer->new_stream ? 1 : 0, DECODER_INSTANCE);
     if (stats)
-        stream_stats_decode(stats, stream_stats_now_us() - decode_start, result, out->count);
+        stream_stats_decode(stats, static_cast<uint64_t>(monotonic_us()) - decode_start, result, out->count);
     if (buffer->new_stream)
         buffer->new_stream = false;
     if (out->count <= 0)

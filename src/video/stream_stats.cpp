@@ -1,4 +1,5 @@
 #include "video/stream_stats.h"
+#include "base/clock.h"
 
 #include <algorithm>
 
@@ -10,7 +11,7 @@ constexpr auto RELAXED = std::memory_order_relaxed;
 
 void stream_stats_frame(stream_stats* st, uint32_t bytes)
 {
-    const uint64_t now_ms = stream_stats_now_us() / 1000u;
+    const uint64_t now_ms = static_cast<uint64_t>(monotonic_ms());
     stream_stats_bump(st->frames_received);
     stream_stats_bump(st->bytes_received, bytes);
     st->last_frame_ms.store(now_ms, RELAXED);

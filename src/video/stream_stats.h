@@ -33,13 +33,6 @@ struct stream_stats {
     uint64_t second_bytes = 0;
 };
 
-inline uint64_t stream_stats_now_us()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return uint64_t(ts.tv_sec) * 1000000u + uint64_t(ts.tv_nsec) / 1000u;
-}
-
 inline void stream_stats_bump(std::atomic<uint64_t>& counter, uint64_t by = 1)
 {
     counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);

@@ -3,6 +3,7 @@
 // vsync. The vsync is a clock thread on an absolute monotonic schedule when headless, or the
 // refresh of an SDL2 window. The layer's threads live exactly as long as the fb descriptor.
 #include "base/worker.h"
+#include "base/clock.h"
 #include "platform/display.h"
 #include "platform/host/host_platform.h"
 
@@ -113,13 +114,6 @@ bool want_sdl()
     if (!mode.empty())
         printf("ORVANE_HOST_DISPLAY=%s is neither sdl nor headless\n", mode.c_str());
     return mode.empty() && (std::getenv("DISPLAY") || std::getenv("WAYLAND_DISPLAY"));
-}
-
-uint64_t monotonic_ns()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
 }
 
 // Takes over the reference that `next` carries.
