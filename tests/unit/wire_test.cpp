@@ -91,10 +91,30 @@ TEST(WireVectors, SimulatorDecodesAndDaemonSerializesEveryControlMessage)
     }
 }
 
-TEST(WireVectors, DaemonReadsDeviceInformationAndDeviceMessages)
+TEST(WireVectors, DaemonReadsAndSimulatorWritesWhatAPhoneSends)
 {
+    const auto bytes = [](const std::vector<uint8_t>& b) { return std::string(b.begin(), b.end()); };
     for (const Vector& v : load("video_framing.tsv")) {
         const std::string kind = field(v.json, "kind");
+        // The simulator writes each record as a phone does (a phone always ends its name with a zero).
+        if (kind == "device_info" && v.bytes[DEVICE_NAME_FIELD - 1] == 0) {
+            EXPECT_EQ(bytes(sim::encode_device_info(field(v.json, "name"),
+                                                    uint16_t(std::stoi(field(v.json, "width"))),
+                                                    uint16_t(std::stoi(field(v.json, "height"))))),
+                      bytes(v.bytes))
+                << v.name;
+        }
+        if (kind == "packet") {
+            uint8_t header[sim::kPacketHeaderSize];
+            sim::encode_packet_header(header, std::stoull(field(v.json, "pts")),
+                                      uint32_t(std::stoul(field(v.json, "length"))));
+            EXPECT_EQ(std::string(header, header + sizeof header), bytes(v.bytes)) << v.name;
+        }
+        if (kind == "clipboard" || kind == "notify") {
+            const auto phone =
+                kind == "notify" ? sim::encode_notify() : sim::encode_clipboard(field(v.json, "text"));
+            EXPECT_EQ(bytes(phone), bytes(v.bytes)) << v.name;
+        }
         if (kind == "device_info") {
             char name[128];
             int size[2] = {0, 0};
