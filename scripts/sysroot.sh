@@ -3,7 +3,8 @@
 #   bash scripts/sysroot.sh armhf|arm64 DIR
 # The packages are only unpacked (mmdebstrap's extract variant): nothing runs under emulation, and
 # the directory is the target's headers and libraries as its Debian packages ship them. A DIR that
-# already holds a sysroot made by this script from the same package list is kept as it is.
+# already holds a sysroot made by this script from the same package list is kept as it is; one made
+# from another list is made again.
 set -euo pipefail
 
 ARCH=${1:?usage: sysroot.sh armhf|arm64 DIR}
@@ -13,17 +14,20 @@ case "$ARCH" in
   *) echo "sysroot.sh: the architecture is armhf or arm64, not $ARCH" >&2; exit 64 ;;
 esac
 
-# What the daemon, its unit tests and the clock test build and run against (their dependencies
-# come along).
+# What the daemon, its tools, its unit tests and the clock test build and run against (their
+# dependencies come along).
 PKGS=qtbase5-dev,libavcodec-dev,libavutil-dev,libswscale-dev,libsdl2-dev,libavahi-compat-libdnssd-dev
-PKGS=$PKGS,libgtest-dev,libfaketime
+PKGS=$PKGS,libcairo2-dev,libgtest-dev,libfaketime
 STAMP="$DIR/.orvane-sysroot"
 if [ -f "$STAMP" ] && [ "$(cat "$STAMP")" = "$ARCH $PKGS" ]; then
   echo "sysroot.sh: $DIR is already a $ARCH sysroot"
   exit 0
 fi
-if [ -e "$DIR" ]; then
-  echo "sysroot.sh: $DIR exists and is not a sysroot made here from this package list; remove it first" >&2
+if [ -f "$STAMP" ]; then
+  echo "sysroot.sh: $DIR was made from another package list: making it again"
+  rm -rf "$DIR"
+elif [ -e "$DIR" ]; then
+  echo "sysroot.sh: $DIR exists and is not a sysroot made here; remove it first" >&2
   exit 1
 fi
 # Made beside its place and moved there whole, so that an interrupted run leaves no half sysroot.
