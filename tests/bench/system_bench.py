@@ -6,7 +6,9 @@ a pre-encoded libx264 clip), each against a limit or a baseline measured in the 
   from the latches. The phone sends at 47 fps to a 60 Hz display, so its frames meet the vsync at
   47 phases spread over the period (the limit's mean wait is half a period) and each frame is shown
   (the 18 ms cap drops none), so a latch pairs with the newest frame sent before it;
-- CPU per shown picture against the decoder's CPU time for the frames decoded per shown picture;
+- CPU per shown picture against the decoder's CPU time for the frames decoded per shown picture, in
+  the configuration that ships (no picture log; pictures counted by the daemon's own figures) and,
+  apart, with the picture log the latency needs (a line written and flushed per picture);
 - touch latency against a D-Bus Peer.Ping round trip to the daemon (touch_bench);
 - resident memory idle, streaming and after 200 USB link cycles, as anonymous, other shared
   (the allocator's memfd areas) and file-backed (libraries) pages;
@@ -40,6 +42,7 @@ import harness  # noqa: E402
 from harness import LINK_USB  # noqa: E402
 
 SECONDS = float(os.environ.get('ORVANE_BENCH_SECONDS', '8'))
+RUNS = 5  # figures that vary from run to run are the median of this many, with their spread
 PHONE_FPS, HZ, CYCLES = 47, 60, 200
 
 
@@ -103,12 +106,15 @@ class FifoStamper(threading.Thread):
 
 
 @contextlib.contextmanager
-def usb_daemon(work, **rig_options):
-    """The daemon on a private bus with fake-adb and phone-sim, and a monitor of its statuses."""
+def usb_daemon(work, framelog=True, **rig_options):
+    """The daemon on a private bus with fake-adb and phone-sim, and a monitor of its statuses; without
+    framelog as it ships, with no picture log."""
     os.makedirs(work)
     rig = harness.UsbRig(work)
     env = rig.env(**rig_options)
     del env['ORVANE_HOST_SNAPSHOT']  # a test's eyes, not part of the shipped path
+    if not framelog:
+        del env['ORVANE_HOST_FRAMELOG']
     with contextlib.ExitStack() as cleanup:  # unwinds: monitor, daemon, orphans, bus
         bus = harness.PrivateBus()
         cleanup.callback(bus.close)
@@ -152,12 +158,13 @@ def run_link(clip, size, work, decode_ms, touches=0):
             time.sleep(0.25)
             mem = max(mem, memory_mib(daemon.pid), key=sum)
         cpu1, t1 = cpu_s(daemon.pid), time.monotonic_ns()
-        if touches:
+        result['touch'] = []
+        for _ in range(RUNS if touches else 0):
             out = subprocess.run([bench_tool('touch_bench'), rig.control_log, str(touches), '512', '300'],
                                  env=bus.env(), capture_output=True, timeout=120)
             if out.returncode != 0:
                 raise RuntimeError('touch_bench failed: ' + out.stderr.decode())
-            result['touch'] = [tuple(map(float, line.split())) for line in out.stdout.decode().splitlines()]
+            result['touch'].append([tuple(map(float, line.split())) for line in out.stdout.decode().splitlines()])
         link(bus, monitor, 7, 8)
     stamper.join(timeout=10)
     latches = [int(line.split()[0]) for line in harness.read_text(rig.framelog).splitlines()]
@@ -171,6 +178,30 @@ def run_link(clip, size, work, decode_ms, touches=0):
                   wait=(sum(limits) / len(limits) - decode_ms * 1e6) / period,
                   limit=[t / 1e6 for t in limits], latency=latency(stamper.sent, shown))
     return result
+
+
+def cpu_as_shipped(clip, size, work, decode_cpu_ms, runs):
+    """CPU ms per shown picture of a daemon as it ships (no picture log), its limit (the decoder's CPU for
+    the frames decoded per shown picture), one pair per run; the pictures by the daemon's own figures."""
+    out = []
+    for run in range(runs):
+        with usb_daemon(os.path.join(work, 'run%d' % run), framelog=False, fps=PHONE_FPS, PHONE_SIM_CLIP=clip,
+                        PHONE_SIM_SIZE='%d:%d' % size, ORVANE_HOST_HZ=str(HZ)) as (rig, bus, daemon, monitor):
+            link(bus, monitor, 3, 4)
+            time.sleep(1.0)
+            figures = lambda: (lambda s: (int(s['pictures_shown']), int(s['frames_decoded'])))(harness.stats(bus))
+            (shown0, decoded0), cpu0 = figures(), cpu_s(daemon.pid)
+            time.sleep(SECONDS / 2)
+            (shown1, decoded1), cpu1 = figures(), cpu_s(daemon.pid)
+            link(bus, monitor, 7, 8)
+        shown = max(1, shown1 - shown0)
+        out.append(((cpu1 - cpu0) * 1000.0 / shown, decode_cpu_ms * (decoded1 - decoded0) / shown))
+    return out
+
+
+def median_spread(values):
+    values = sorted(values)
+    return values[len(values) // 2], values[0], values[-1]
 
 
 def vsync_period_ns(latches):
@@ -334,7 +365,8 @@ def main():
             clip = os.path.join(tmp.path, 'clip-%s.h264' % name)
             decode_ms, decode_cpu_ms = clip_and_decode(clip, size, 10 * PHONE_FPS)
             r = run_link(clip, size, os.path.join(tmp.path, name), decode_ms, touches)
-            rows.append(dict(r, name=name, decode_ms=decode_ms, decode_cpu_ms=decode_cpu_ms))
+            shipped = cpu_as_shipped(clip, size, os.path.join(tmp.path, name + '-shipped'), decode_cpu_ms, RUNS)
+            rows.append(dict(r, name=name, decode_ms=decode_ms, decode_cpu_ms=decode_cpu_ms, shipped=shipped))
         cycles = run_cycles(os.path.join(tmp.path, 'cycles'))
         window = run_window(os.path.join(tmp.path, 'window'))
 
@@ -354,12 +386,17 @@ def main():
         print('(sent/shown in the measuring window; vsync: the period measured from the latches; wait: the\n'
               ' mean wait of the limit for the next vsync, in periods; decode: per frame, in process)')
         print()
-        print('CPU per shown picture (daemon process, user+system)')
-        print('%-10s %10s %12s %14s %7s' % ('size', 'shown fps', 'CPU ms/pic', 'decode CPU ms', 'ratio'))
+        print('CPU per shown picture (daemon process, user+system), as the daemon ships: median of %d runs '
+              '(lowest - highest)' % RUNS)
+        print('%-10s %22s %22s %22s' % ('size', 'CPU ms/pic', 'decode CPU ms', 'ratio'))
+        for r in rows:
+            cpu, limit, ratio = (median_spread(v) for v in zip(*[(c, l, l / c) for c, l in r['shipped']]))
+            print('%-10s %22s %22s %22s' % ((r['name'],) + tuple('%.2f (%.2f - %.2f)' % m for m in (cpu, limit, ratio))))
+            ratios.append(('cpu_per_picture_vs_decode_' + r['name'], ratio[0]))
+        print('with the picture log the latency needs (one line written and flushed per picture), one run:')
         for r in rows:
             limit = r['decode_cpu_ms'] * r['sent'] / max(1, r['shown'])
-            print('%-10s %10.1f %12.2f %14.2f %7.2f' % (r['name'], r['fps'], r['cpu_ms'], limit, limit / r['cpu_ms']))
-            ratios.append(('cpu_per_picture_vs_decode_' + r['name'], limit / r['cpu_ms']))
+            print('%-10s %22.2f %22.2f %22.2f' % (r['name'], r['cpu_ms'], limit, limit / r['cpu_ms']))
         print('(decode CPU ms: the decoder alone, per frame, times the frames decoded per shown picture)')
         print()
         print('resident memory, MiB: anonymous + other shared (memfd areas) + file-backed (libraries)')
@@ -369,14 +406,15 @@ def main():
             print('%-28s %7.1f + %5.1f + %5.1f = %7.1f' % ((label,) + m + (sum(m),)))
         ratios.append(('rss_%d_links_vs_first_link' % CYCLES, sum(cycles[1]) / sum(cycles[CYCLES])))
         print()
-        touch = rows[0]['touch']
-        pings, touches = [p for p, _ in touch], [t for _, t in touch]
-        print('touch, %d calls each, in turns: p50 / p99 ms' % len(touch))
-        print('D-Bus Peer.Ping round trip (baseline)        %7.3f / %7.3f' % (percentile(pings, 0.5),
-                                                                            percentile(pings, 0.99)))
-        print('requestTouchAction: reply back + phone read  %7.3f / %7.3f' % (percentile(touches, 0.5),
-                                                                            percentile(touches, 0.99)))
-        ratios.append(('touch_p99_vs_dbus_ping', percentile(pings, 0.99) / percentile(touches, 0.99)))
+        print('touch, %d runs of %d calls each, in turns: p50 / p99 ms, medians of the runs (lowest - highest)'
+              % (RUNS, len(rows[0]['touch'][0])))
+        per_run = [([p for p, _ in run], [t for _, t in run]) for run in rows[0]['touch']]
+        for label, which in (('D-Bus Peer.Ping round trip (baseline)', 0), ('requestTouchAction: reply + phone read', 1)):
+            print('%-40s %s / %s' % ((label,) + tuple('%.3f (%.3f - %.3f)' % median_spread(
+                [percentile(run[which], q) for run in per_run]) for q in (0.5, 0.99))))
+        p99 = median_spread([percentile(pings, 0.99) / percentile(touches, 0.99) for pings, touches in per_run])
+        print('ratio of the p99s: %.2f (%.2f - %.2f)' % p99)
+        ratios.append(('touch_p99_vs_dbus_ping', p99[0]))
         print()
         w = window
         print('window on Xvfb (%d Hz): input round trip, X pointer event -> the phone\'s answering picture latched' %

@@ -8,6 +8,8 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 
+#include "base/clock.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -15,17 +17,6 @@
 #include <fstream>
 #include <string>
 #include <thread>
-
-namespace {
-
-int64_t monotonic_ns()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-} // namespace
 
 int main(int argc, char** argv)
 {
