@@ -192,10 +192,16 @@ void run_sdl(std::unique_lock<std::mutex>& lock)
         window.present(picture, changed, place);
         av_frame_free(&picture);
         lock.lock();
-        // A renderer without vsync returns at once; keep the display's rate on the monotonic schedule.
+        // A renderer without vsync returns at once; keep the display's rate on the monotonic schedule,
+        // taking the window's input as it comes until the next refresh rather than once a refresh
+        // (display_close wakes the wait).
         const auto now = Clock::now();
-        if (now < next)
-            g_layer.clock_cv.wait_until(lock, next, [] { return g_layer.closing; });
+        for (auto t = now; t < next && !g_layer.closing; t = Clock::now()) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - t).count();
+            lock.unlock();
+            window.wait_events(static_cast<int>(left));
+            lock.lock();
+        }
         next = (next + period < now) ? now + period : next + period;
         ++g_layer.vsync_seq;
         g_layer.vsync_cv.notify_all();
@@ -301,6 +307,8 @@ void display_close(int fd)
         g_layer.closing = true;
         ++g_layer.generation;
         g_layer.clock_cv.notify_all();
+        if (g_layer.sdl)
+            SdlWindow::wake();
         g_layer.snapshot_cv.notify_all();
         g_layer.vsync_cv.notify_all();
     }

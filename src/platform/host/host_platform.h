@@ -10,6 +10,7 @@
 
 struct AVCodecContext;
 struct display_input;
+union SDL_Event;
 struct AVFrame;
 struct SwsContext;
 
@@ -110,8 +111,14 @@ public:
     void close();
     ~SdlWindow() { close(); }
 
+    // The presenter thread, between refreshes: takes the window's input as it comes, for up to ms.
+    void wait_events(int ms);
+    // Any thread: ends a wait_events early (the layer is closing).
+    static void wake();
+
 private:
     void take_events();
+    void handle(const ::SDL_Event& event);
     void touch(unsigned action, double wx, double wy);
 
     void* window_ = nullptr;

@@ -141,63 +141,82 @@ static int phone_key(const SDL_KeyboardEvent& key)
 void SdlWindow::take_events()
 {
     SDL_Event event;
-    while (SDL_PollEvent(&event)) {
-        // SDL's quit event follows the close of its last window; the close alone is the person's act.
-        if (event.type == SDL_WINDOWEVENT && event.window.event == SDL_WINDOWEVENT_CLOSE) {
-            input_push(display_input{DISPLAY_INPUT_CLOSE, 0, 0, 0, 0});
-            continue;
+    while (SDL_PollEvent(&event))
+        handle(event);
+}
+
+void SdlWindow::wait_events(int ms)
+{
+    SDL_Event event;
+    if (SDL_WaitEventTimeout(&event, ms) == 1) {
+        handle(event);
+        take_events();
+    }
+}
+
+void SdlWindow::wake()
+{
+    SDL_Event event = {};
+    event.type = SDL_USEREVENT;
+    SDL_PushEvent(&event);
+}
+
+void SdlWindow::handle(const SDL_Event& event)
+{
+    // SDL's quit event follows the close of its last window; the close alone is the person's act.
+    if (event.type == SDL_WINDOWEVENT && event.window.event == SDL_WINDOWEVENT_CLOSE) {
+        input_push(display_input{DISPLAY_INPUT_CLOSE, 0, 0, 0, 0});
+        return;
+    }
+    if (!pointer_)
+        return;
+    int ww = 0, wh = 0;
+    SDL_GetWindowSize(static_cast<SDL_Window*>(window_), &ww, &wh);
+    switch (event.type) {
+    case SDL_MOUSEBUTTONDOWN:
+        // Fingers come as their own events; SDL's mouse copies of them are not a second pointer.
+        if (event.button.which != SDL_TOUCH_MOUSEID && event.button.button == SDL_BUTTON_LEFT && !pressed_) {
+            pressed_ = true;
+            finger_ = -1;
+            touch(1, event.button.x, event.button.y);
         }
-        if (!pointer_)
-            continue;
-        int ww = 0, wh = 0;
-        SDL_GetWindowSize(static_cast<SDL_Window*>(window_), &ww, &wh);
-        switch (event.type) {
-        case SDL_MOUSEBUTTONDOWN:
-            // Fingers come as their own events; SDL's mouse copies of them are not a second pointer.
-            if (event.button.which != SDL_TOUCH_MOUSEID && event.button.button == SDL_BUTTON_LEFT &&
-                !pressed_) {
-                pressed_ = true;
-                finger_ = -1;
-                touch(1, event.button.x, event.button.y);
-            }
-            break;
-        case SDL_MOUSEMOTION:
-            if (event.motion.which != SDL_TOUCH_MOUSEID && pressed_ && finger_ == -1)
-                touch(2, event.motion.x, event.motion.y);
-            break;
-        case SDL_MOUSEBUTTONUP:
-            if (event.button.which != SDL_TOUCH_MOUSEID && event.button.button == SDL_BUTTON_LEFT &&
-                pressed_ && finger_ == -1) {
-                pressed_ = false;
-                touch(3, event.button.x, event.button.y);
-            }
-            break;
-        // The phone has one pointer: the first finger down is it until it lifts.
-        case SDL_FINGERDOWN:
-            if (!pressed_) {
-                pressed_ = true;
-                finger_ = event.tfinger.fingerId;
-                touch(1, event.tfinger.x * ww, event.tfinger.y * wh);
-            }
-            break;
-        case SDL_FINGERMOTION:
-            if (pressed_ && finger_ == event.tfinger.fingerId)
-                touch(2, event.tfinger.x * ww, event.tfinger.y * wh);
-            break;
-        case SDL_FINGERUP:
-            if (pressed_ && finger_ == event.tfinger.fingerId) {
-                pressed_ = false;
-                finger_ = -1;
-                touch(3, event.tfinger.x * ww, event.tfinger.y * wh);
-            }
-            break;
-        case SDL_KEYDOWN:
-            if (event.key.repeat == 0 && phone_key(event.key) != 0)
-                input_push(display_input{DISPLAY_INPUT_KEY, 0, 0, 0, phone_key(event.key)});
-            break;
-        default:
-            break;
+        break;
+    case SDL_MOUSEMOTION:
+        if (event.motion.which != SDL_TOUCH_MOUSEID && pressed_ && finger_ == -1)
+            touch(2, event.motion.x, event.motion.y);
+        break;
+    case SDL_MOUSEBUTTONUP:
+        if (event.button.which != SDL_TOUCH_MOUSEID && event.button.button == SDL_BUTTON_LEFT && pressed_ &&
+            finger_ == -1) {
+            pressed_ = false;
+            touch(3, event.button.x, event.button.y);
         }
+        break;
+    // The phone has one pointer: the first finger down is it until it lifts.
+    case SDL_FINGERDOWN:
+        if (!pressed_) {
+            pressed_ = true;
+            finger_ = event.tfinger.fingerId;
+            touch(1, event.tfinger.x * ww, event.tfinger.y * wh);
+        }
+        break;
+    case SDL_FINGERMOTION:
+        if (pressed_ && finger_ == event.tfinger.fingerId)
+            touch(2, event.tfinger.x * ww, event.tfinger.y * wh);
+        break;
+    case SDL_FINGERUP:
+        if (pressed_ && finger_ == event.tfinger.fingerId) {
+            pressed_ = false;
+            finger_ = -1;
+            touch(3, event.tfinger.x * ww, event.tfinger.y * wh);
+        }
+        break;
+    case SDL_KEYDOWN:
+        if (event.key.repeat == 0 && phone_key(event.key) != 0)
+            input_push(display_input{DISPLAY_INPUT_KEY, 0, 0, 0, phone_key(event.key)});
+        break;
+    default:
+        break;
     }
 }
 
