@@ -129,7 +129,7 @@ class Window(UsbCase):
         portrait = (720, 1280)
         # The phone's first picture and its burst light the layer at once; then a still screen sends only
         # its repeats, four a second (unless the clock turns the minute meanwhile).
-        self.ui(r'^frame 8 \d+ bytes \(repeat\)$')
+        self.ui(r'^frame 8 \d+ bytes \(repeat\) ')
         latched = self.rig.pictures()
         self.assertEqual({p.place for p in latched}, {PORTRAIT})
         lit = re.findall(r'^(\d+) .* 1$', harness.read_text(self.rig.framelog), re.M)
@@ -139,7 +139,7 @@ class Window(UsbCase):
         before = len(self.rig.sim_lines())
         time.sleep(2)
         sent = [line for line in self.rig.sim_lines()[before:] if line.startswith('frame ')]
-        self.assertTrue(5 <= len(sent) <= 10 and all(line.endswith('(repeat)') for line in sent), sent)
+        self.assertTrue(5 <= len(sent) <= 10 and all('(repeat)' in line for line in sent), sent)
         # A click on the List tile: the phone gets a press and a release where the tile is, and opens it.
         tile = to_fb(PORTRAIT, portrait, TILES['List'][0] + 150, TILES['List'][1] + 150)
         home = self.x.shot(wid)
@@ -179,7 +179,7 @@ class Window(UsbCase):
         seen = len(self.rig.pictures())
         self.click(wid, to_fb(PORTRAIT, portrait, ROTATE_BUTTON[0] + 250, ROTATE_BUTTON[1] + 150))
         self.ui(r'rotate -> landscape 1280x720')
-        self.ui(r'^frame \d+ \d+ bytes rotation \(changed\)$')
+        self.ui(r'^frame \d+ \d+ bytes rotation \(changed\) ')
         self.daemon.wait_for_console('detect screen rotated!')
         harness.wait_until(lambda: any(p.place == LANDSCAPE for p in self.rig.pictures()[seen:]), 20, 'landscape')
         shot = harness.wait_until(lambda: (lambda s: s if s.colour(512, 100) == 'blue' else None)(self.x.shot(wid)),

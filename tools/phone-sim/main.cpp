@@ -92,7 +92,8 @@ const char kUsage[] =
     "  PHONE_SIM_REPEAT_MS    the phone repeats a still picture this often (default 250, 0 never)\n"
     "  PHONE_SIM_CLIP         Annex-B H.264 file to send (looped) instead of either\n"
     "  PHONE_SIM_LOG          progress log: connections, frames (the phone's with why: changed, burst,\n"
-    "                         repeat), 'ui:' lines for what the phone's screen did, acks, end reason\n"
+    "                         repeat, and when it went out: sent_ns, monotonic), 'ui:' lines for\n"
+    "                         what the phone's screen did, acks, end reason\n"
     "  PHONE_SIM_CONTROL_LOG  one JSON line per control message received (with \"t_ns\")\n"
     "  PHONE_SIM_EVENTS       comma list: rotate@N (the phone turns) eos@N close@N reset@N stall@N\n"
     "                         oversize@N garbage@N close-control@N clipboard:TEXT@N notify@N short-info "
@@ -506,8 +507,13 @@ End stream(const Config& cfg, sim::FrameSource* source, int* video, int* control
             break;
         }
         sent = n + 1;
-        logf("frame %u %zu bytes%s%s%s%s", n, unit.size(), frame.rotation ? " rotation" : "",
-             frame.reason ? " (" : "", frame.reason ? frame.reason : "", frame.reason ? ")" : "");
+        // The phone's own pictures carry when they went out, so a touch's answer can be timed on
+        // the phone's clock (its control log gives when the touch was read).
+        if (frame.reason != nullptr)
+            logf("frame %u %zu bytes%s (%s) sent_ns %" PRId64, n, unit.size(),
+                 frame.rotation ? " rotation" : "", frame.reason, monotonic_ns());
+        else
+            logf("frame %u %zu bytes%s", n, unit.size(), frame.rotation ? " rotation" : "");
     }
 
     // Wake the readers and collect them before the descriptors go away (a reset must not be
