@@ -50,8 +50,7 @@ void OrvaneService::exitLink()
         connected = false;
         serverStarted = false;
         if (!wifiMode)
-            shell_command_run(shell_command_text(ENV_OTG_COMMAND, platform_default_settings().otg_command),
-                              SHELL_COMMAND_TIMEOUT_MS);
+            shell_command_run_configured(ENV_OTG_COMMAND, platform_default_settings().otg_command);
     }
     // Kept on purpose (docs/KEPT.md): the step lines' spelling and leading space; no status without a stream.
     if (streamRunning) {
@@ -79,9 +78,7 @@ void OrvaneService::exitLink()
     }
     screen_close(&screen);
     if (!wifiMode)
-        shell_command_run(
-            shell_command_text(ENV_ADB_KILL_COMMAND, platform_default_settings().adb_kill_command),
-            SHELL_COMMAND_TIMEOUT_MS);
+        shell_command_run_configured(ENV_ADB_KILL_COMMAND, platform_default_settings().adb_kill_command);
     logLine() << "exitLink"
               << " screen stoped";
     // Every worker of this link has been joined: what it posted and is still queued is stale now.

@@ -77,9 +77,7 @@ fail:
 bool OrvaneService::startServer()
 {
     phone_server_init(&server);
-    shell_command_run(
-        shell_command_text(ENV_ADB_DEVICES_COMMAND, platform_default_settings().adb_devices_command),
-        SHELL_COMMAND_TIMEOUT_MS);
+    shell_command_run_configured(ENV_ADB_DEVICES_COMMAND, platform_default_settings().adb_devices_command);
     ServerParams params;
     params.option_arg = serverParams.optionArg;
     params.local_port = serverParams.localPort;

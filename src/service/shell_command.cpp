@@ -8,12 +8,6 @@
 #include <cstdlib>
 #include <unistd.h>
 
-const char* shell_command_text(const char* env_name, const char* default_text)
-{
-    const char* value = getenv(env_name);
-    return value != nullptr ? value : default_text;
-}
-
 int shell_command_run(const char* text, int timeout_ms)
 {
     if (text[0] == '\0')
@@ -44,4 +38,10 @@ int shell_command_run(const char* text, int timeout_ms)
         kill(-pid, SIGKILL);
     }
     return code;
+}
+
+int shell_command_run_configured(const char* env_name, const char* default_text)
+{
+    const char* value = getenv(env_name);
+    return shell_command_run(value != nullptr ? value : default_text, SHELL_COMMAND_TIMEOUT_MS);
 }

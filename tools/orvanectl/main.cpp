@@ -433,8 +433,10 @@ bool reach_daemon(QDBusConnection& bus, bool activate)
     QDBusConnectionInterface* daemon = bus.interface();
     if (daemon->isServiceRegistered(SERVICE))
         return true;
-    if (!activate || !daemon->activatableServiceNames().value().contains(SERVICE))
-        return no_daemon() == EXIT_OK;
+    if (!activate || !daemon->activatableServiceNames().value().contains(SERVICE)) {
+        no_daemon();
+        return false;
+    }
     const QDBusReply<void> started = daemon->startService(SERVICE);
     if (!started.isValid()) {
         fprintf(stderr, "orvanectl: the mirror daemon (%s) could not be started by the bus: %s\n", SERVICE,
